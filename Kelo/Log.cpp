@@ -1,0 +1,7 @@
+#include "Kelo/Log.h"
+
+namespace Kelo {
+
+const char* const LogModuleName = "Kelo";
+
+}  // namespace Kelo

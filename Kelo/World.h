@@ -1,0 +1,101 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <osg/Quaternion.h>
+#include <osg/Vec3f.h>
+
+namespace Kelo {
+
+class Backend;
+class Emitter;
+class Source;
+
+// The sound scene: sources and emitters by id, the listener and two switches. Every change is
+// forwarded, in order and unfiltered, to each backend in the order of their creation.
+class World {
+public:
+    World();
+    // Copies are not supported: this builds an empty world and complains.
+    World(const World& other);
+    World& operator=(const World&) = delete;
+
+    virtual void resetWorld();
+
+    // Notifications: called by the parts after they changed, fanned out to every backend.
+    virtual void setEnabled();
+    virtual void setListenerTransform();
+    virtual void createSource(Source& source);
+    virtual void destroySource(Source& source);
+    virtual void setSourceData(Source& source);
+    virtual void setSourceParam(Source& source);
+    virtual void setSourceDuration(Source& source);
+    virtual void setSourceState(Source& source);
+    virtual void createEmitter(Emitter& emitter);
+    virtual void destroyEmitter(Emitter& emitter);
+    virtual void setEmitterTransform(Emitter& emitter);
+    virtual void setEmitterHull(Emitter& emitter);
+    virtual void setEmitterParam(Emitter& emitter);
+    virtual void setEmitterConnection(Emitter& emitter);
+    virtual void setEmitterState(Emitter& emitter);
+
+    // Deletes every emitter, then every source.
+    virtual void clearWorld();
+    // Does not delete parts or backends; call clearWorld() and deleteAllBackends() first.
+    virtual ~World();
+    virtual void reset();
+
+    virtual bool enabled() const { return _enabled; }
+    // Always notifies, even when the value is unchanged.
+    virtual void setEnabled(bool enabled);
+    virtual bool spatialize() const { return _spatialize; }
+    // Stores only; backends read it when they need it.
+    virtual void setSpatialize(bool spatialize);
+    virtual const osg::Vec3f& listenerPosition() const { return _listenerPosition; }
+    virtual const osg::Quaternion& listenerRotation() const { return _listenerRotation; }
+    // Notifies only when some component moved by more than 1e-6.
+    virtual void setListenerTransform(const osg::Vec3f& position, const osg::Quaternion& rotation);
+
+    // An id of 0 asks for the next free one; null on an id clash or when the counter wraps.
+    virtual Emitter* createEmitter(const std::vector<std::string>& labels = {}, int id = 0);
+    virtual Emitter* getEmitter(int id) const;
+    virtual Source* createSource(int id = 0);
+    virtual Source* getSource(int id) const;
+
+    // Once per frame: calls update() on every backend.
+    virtual bool update();
+
+    // Creates a backend by type name and replays the world's state to it.
+    Backend* addBackend(const char* type, const char* params);
+    void deleteAllBackends();
+    void initBackendState(Backend& backend);
+    void print() const;
+
+    int lastId() const { return _lastId; }
+    const std::map<int, Emitter*>& emitters() const { return _emitters; }
+    const std::map<int, Source*>& sources() const { return _sources; }
+    const std::vector<Backend*>& backends() const { return _backends; }
+
+private:
+    friend class Backend;
+    friend class Emitter;
+    friend class Source;
+
+    // Takes the next id or checks an explicit one; 0 means "do not create".
+    int claimId(int id);
+
+    int _lastId = 0;
+    bool _enabled = true;
+    bool _spatialize = true;
+    std::map<int, Emitter*> _emitters;
+    std::map<int, Source*> _sources;
+    osg::Vec3f _listenerPosition;
+    osg::Quaternion _listenerRotation;
+    // A vector: the fan-out walks it on every change, and it changes only when backends come
+    // and go.
+    std::vector<Backend*> _backends;
+};
+
+}  // namespace Kelo

@@ -1,0 +1,37 @@
+#pragma once
+
+namespace Kelo {
+
+class World;
+
+// Common base of what lives in a world: the owning world, the id and the play state.
+class WorldPart {
+public:
+    enum State { NONE = 0, PLAY = 1, PAUSE = 2, STOP = 3 };
+
+    virtual ~WorldPart() = default;
+    virtual void setState(State state) = 0;
+
+    World& world() const { return _world; }
+    int id() const { return _id; }
+    State state() const { return _state; }
+    State lastState() const { return _lastState; }
+
+    WorldPart& operator=(const WorldPart&) = delete;
+
+protected:
+    WorldPart(World& world, int id) : _world(world), _id(id) {}
+    // Parts are not meant to be copied: the copy keeps the world, gets id -1 and complains.
+    WorldPart(const WorldPart& other);
+
+    // Records an effective change; false when state is already the current one.
+    bool changeState(State state);
+
+private:
+    World& _world;
+    int _id;
+    State _state = NONE;
+    State _lastState = NONE;
+};
+
+}  // namespace Kelo
