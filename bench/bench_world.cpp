@@ -1,0 +1,88 @@
+// Cost of the world's fan-out to "silent" backends, against a bare loop of virtual calls over
+// the same backends, and of creating and destroying an emitter.
+#include <cstdio>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include <Kelo/Backend.h>
+#include <Kelo/Emitter.h>
+#include <Kelo/Source.h>
+#include <Kelo/World.h>
+
+namespace {
+
+struct Scene {
+    explicit Scene(int backends) {
+        for (int i = 0; i < backends; ++i) world.addBackend("silent", "");
+        emitter = world.createEmitter();
+    }
+    ~Scene() {
+        world.clearWorld();
+        world.deleteAllBackends();
+    }
+    Kelo::World world;
+    Kelo::Emitter* emitter;
+};
+
+void perBackendCall(benchmark::State& state) {
+    state.counters["per_backend_call"] = benchmark::Counter(
+        static_cast<double>(state.iterations() * state.range(0)),
+        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+// One notification through the world: World::setEmitterHull calls every backend.
+void BM_FanOut(benchmark::State& state) {
+    Scene scene(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        scene.world.setEmitterHull(*scene.emitter);
+        benchmark::ClobberMemory();
+    }
+    perBackendCall(state);
+}
+BENCHMARK(BM_FanOut)->Arg(1)->Arg(6)->Arg(32);
+
+// The same calls made directly, the floor that the fan-out is measured against.
+void BM_BareVirtualLoop(benchmark::State& state) {
+    Scene scene(static_cast<int>(state.range(0)));
+    const std::vector<Kelo::Backend*>& backends = scene.world.backends();
+    for (auto _ : state) {
+        for (Kelo::Backend* backend : backends) backend->setEmitterHull(*scene.emitter);
+        benchmark::ClobberMemory();
+    }
+    perBackendCall(state);
+}
+BENCHMARK(BM_BareVirtualLoop)->Arg(1)->Arg(6)->Arg(32);
+
+// A whole emitter life: creation with its notification, destruction with its notification.
+void BM_CreateDestroyEmitter(benchmark::State& state) {
+    Scene scene(static_cast<int>(state.range(0)));
+    for (auto _ : state) delete scene.world.createEmitter({}, 0);
+}
+BENCHMARK(BM_CreateDestroyEmitter)->Arg(6);
+
+// Setting a connected emitter's state passes it to the source and its other emitters.
+void BM_SharedStateChange(benchmark::State& state) {
+    Scene scene(6);
+    Kelo::Source* source = scene.world.createSource();
+    scene.emitter->setSource(source);
+    scene.world.createEmitter()->setSource(source);
+    bool play = true;
+    for (auto _ : state) {
+        scene.emitter->setState(play ? Kelo::WorldPart::PLAY : Kelo::WorldPart::STOP);
+        play = !play;
+    }
+}
+BENCHMARK(BM_SharedStateChange);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::printf("sizeof(Kelo::Emitter) = %zu bytes, sizeof(Kelo::Source) = %zu bytes\n",
+                sizeof(Kelo::Emitter), sizeof(Kelo::Source));
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
