@@ -19,7 +19,7 @@ class Emitter;
 // application deletes it (or World::clearWorld does).
 class Source : public WorldPart {
 public:
-    enum DataType { NONE_SD = 0, URL_SD = 1, PCM_SD = 2 };
+    enum DataType : int { NONE_SD = 0, URL_SD = 1, PCM_SD = 2 };
 
     Source(World& world, int id);
     Source(const Source&) = delete;

@@ -7,7 +7,9 @@ class World;
 // Common base of what lives in a world: the owning world, the id and the play state.
 class WorldPart {
 public:
-    enum State { NONE = 0, PLAY = 1, PAUSE = 2, STOP = 3 };
+    // A fixed underlying type: values beyond STOP can arrive (from the network, say) and are
+    // legal; backends treat them as unknown.
+    enum State : int { NONE = 0, PLAY = 1, PAUSE = 2, STOP = 3 };
 
     virtual ~WorldPart() = default;
     virtual void setState(State state) = 0;
