@@ -1,5 +1,6 @@
 // Dumping a source's PCM data as a WAV file: the header bytes, and real tools reading it back.
 #include <sndfile.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
@@ -53,7 +54,10 @@ struct WavTest : ::testing::Test {
         return s;
     }
     Kelo::World world;
-    std::string path = ::testing::TempDir() + "kelo-wav-test.wav";
+    // Unique per test: ctest runs the cases of this file in parallel processes.
+    std::string path = ::testing::TempDir() + "kelo-" +
+                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" +
+                       std::to_string(getpid()) + ".wav";
 };
 
 TEST_F(WavTest, HeaderFollowsTheCanonicalLayout) {
