@@ -14,7 +14,8 @@ namespace {
 
 struct Scene {
     explicit Scene(int backends) {
-        for (int i = 0; i < backends; ++i) world.addBackend("silent", "");
+        for (int i = 0; i < backends; ++i)
+            world.addBackend("silent", "");
         emitter = world.createEmitter();
     }
     ~Scene() {
@@ -26,9 +27,9 @@ struct Scene {
 };
 
 void perBackendCall(benchmark::State& state) {
-    state.counters["per_backend_call"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * state.range(0)),
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["per_backend_call"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 // One notification through the world: World::setEmitterHull calls every backend.
@@ -47,7 +48,8 @@ void BM_BareVirtualLoop(benchmark::State& state) {
     Scene scene(static_cast<int>(state.range(0)));
     const std::vector<Kelo::Backend*>& backends = scene.world.backends();
     for (auto _ : state) {
-        for (Kelo::Backend* backend : backends) backend->setEmitterHull(*scene.emitter);
+        for (Kelo::Backend* backend : backends)
+            backend->setEmitterHull(*scene.emitter);
         benchmark::ClobberMemory();
     }
     perBackendCall(state);
@@ -57,7 +59,8 @@ BENCHMARK(BM_BareVirtualLoop)->Arg(1)->Arg(6)->Arg(32);
 // A whole emitter life: creation with its notification, destruction with its notification.
 void BM_CreateDestroyEmitter(benchmark::State& state) {
     Scene scene(static_cast<int>(state.range(0)));
-    for (auto _ : state) delete scene.world.createEmitter({}, 0);
+    for (auto _ : state)
+        delete scene.world.createEmitter({}, 0);
 }
 BENCHMARK(BM_CreateDestroyEmitter)->Arg(6);
 
@@ -81,7 +84,8 @@ int main(int argc, char** argv) {
     std::printf("sizeof(Kelo::Emitter) = %zu bytes, sizeof(Kelo::Source) = %zu bytes\n",
                 sizeof(Kelo::Emitter), sizeof(Kelo::Source));
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

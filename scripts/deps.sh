@@ -1,13 +1,18 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing for building ("build") or for building and
-# testing ("test"). Installs nothing when everything is there.
+# Installs the Debian packages that are missing for building ("build"), for building and
+# testing ("test") or for the demo and its picture ("demo"). Installs nothing when everything is there.
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev)
+build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libopenal-dev libalut-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux)
 
+demo=(sox gnuplot-nox)
+
 wanted=("${build[@]}")
-[ "${1:-build}" = test ] && wanted+=("${test[@]}")
+case "${1:-build}" in
+    test) wanted+=("${test[@]}") ;;
+    demo) wanted+=("${demo[@]}") ;;
+esac
 
 missing=()
 for package in "${wanted[@]}"; do

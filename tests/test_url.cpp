@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio.hpp>
+#include "LoopbackServer.h"
 
 #include <stdlib.h>
 
@@ -14,12 +14,12 @@
 #include <string>
 #include <thread>
 
+using KeloTest::LoopbackServer;
 using Lirra::LocalFile;
 using Lirra::URL;
 using Lirra::URLFile;
 using Lirra::URLHttp;
 using Lirra::URLImpl;
-namespace asio = boost::asio;
 namespace fs = std::filesystem;
 
 namespace {
@@ -41,65 +41,6 @@ std::string fetchError(const URL& url) {
     }
     return "(no exception)";
 }
-
-// Serves one connection on 127.0.0.1: reads the request head, then writes the canned response
-// and closes, or with an empty response holds the connection without a word until the client
-// hangs up. Gives up by itself after a few seconds.
-class LoopbackServer {
-public:
-    explicit LoopbackServer(std::string response)
-        : _acceptor(_io, {asio::ip::address_v4::loopback(), 0}),
-          _port(_acceptor.local_endpoint().port()),
-          _response(std::move(response)),
-          _thread([this] { serve(); }) {}
-    ~LoopbackServer() { stop(); }
-
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(_port) + path;
-    }
-
-    // Returns the request head received, if any.
-    std::string stop() {
-        _io.stop();
-        if (_thread.joinable()) {
-            _thread.join();
-        }
-        return _request;
-    }
-
-private:
-    void serve() {
-        _acceptor.async_accept(_socket, [&](boost::system::error_code ec) {
-            if (ec) {
-                return;
-            }
-            asio::async_read_until(_socket, _in, "\r\n\r\n", [&](auto ec, std::size_t size) {
-                if (ec) {
-                    return;
-                }
-                _request.assign(asio::buffers_begin(_in.data()),
-                                asio::buffers_begin(_in.data()) + size);
-                _in.consume(size);
-                if (_response.empty()) {
-                    asio::async_read(_socket, _in, [](auto, std::size_t) {});
-                    return;
-                }
-                asio::async_write(_socket, asio::buffer(_response),
-                                  [&](auto, std::size_t) { _socket.close(); });
-            });
-        });
-        _io.run_for(std::chrono::seconds(5));
-    }
-
-    asio::io_context _io;
-    asio::ip::tcp::acceptor _acceptor;
-    asio::ip::tcp::socket _socket{_io};
-    asio::streambuf _in;
-    unsigned short _port;
-    std::string _response;
-    std::string _request;
-    std::thread _thread;
-};
 
 // Gives each test an empty TMPDIR of its own, so downloads left behind are easy to spot.
 class URLTest : public ::testing::Test {
