@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing for building ("build"), for building and
-# testing ("test") or for the demo and its picture ("demo"). Installs nothing when everything is there.
+# testing ("test") or for building the demo and drawing its picture ("demo"). Installs nothing
+# when everything is there.
 set -euo pipefail
 
 build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libopenal-dev libalut-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux)
-
 demo=(sox gnuplot-nox)
 
 wanted=("${build[@]}")
