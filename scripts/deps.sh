@@ -5,7 +5,8 @@
 set -euo pipefail
 
 build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libopenal-dev libalut-dev)
-test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux)
+test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux clang
+      libclang-rt-14-dev)
 demo=(sox gnuplot-nox)
 
 wanted=("${build[@]}")

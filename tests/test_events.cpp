@@ -1,0 +1,348 @@
+// Command events: golden frames written from docs/protocol.md, round trips, the deliberately
+// uneven copies, source data files, and frames that must be refused.
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <Kelo/CreateEmitterEvent.h>
+#include <Kelo/EmitterConnectionEvent.h>
+#include <Kelo/EmitterHullEvent.h>
+#include <Kelo/EmitterParamEvent.h>
+#include <Kelo/SourceDataEvent.h>
+#include <Kelo/SourceDurationEvent.h>
+#include <Kelo/SourceParamEvent.h>
+#include <Kelo/TransformEvent.h>
+
+#include "support.h"
+
+using KeloTest::LogCapture;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+Bytes hex(const char* text) {
+    Bytes out;
+    for (const char* p = text; *p;) {
+        if (*p == ' ' || *p == '\n') {
+            ++p;
+            continue;
+        }
+        out.push_back(static_cast<uint8_t>(std::stoi(std::string(p, 2), nullptr, 16)));
+        p += 2;
+    }
+    return out;
+}
+
+Bytes frame(Lirra::Event& event) {
+    event.setStamp(Kelo::CommandEvent::kSenderStamp);
+    Bytes out;
+    event.encode(out);
+    return out;
+}
+
+// Decodes a whole frame (its length field included) to the given class.
+template <typename T>
+std::unique_ptr<T> decode(const Bytes& f) {
+    std::unique_ptr<Lirra::Event> event(Lirra::Event::decode(f.data() + 4, f.size() - 4));
+    T* typed = dynamic_cast<T*>(event.get());
+    if (typed)
+        event.release();
+    return std::unique_ptr<T>(typed);
+}
+
+TEST(EventFrames, GoldenBytesOfEveryClass) {
+    Kelo::CommandEvent play(Kelo::PlayEmitter, 7);
+    EXPECT_EQ(frame(play), hex("08000000 c800 320d 2400 0700"));
+
+    Kelo::TransformEvent t;
+    t.setCommand(Kelo::SetEmitterTransform);
+    t.setId(7);
+    t.setPosition(osg::Vec3f(1, 2, 3));
+    EXPECT_EQ(frame(t), hex("24000000 c900 320d 2200 0700 0000803f 00000040 00004040"
+                            "00000000 00000000 00000000 0000803f"));
+    EXPECT_EQ(frame(t).size(), 40u);
+
+    Kelo::CreateEmitterEvent c;
+    c.setCommand(Kelo::CreateEmitter);
+    c.setId(2);
+    EXPECT_EQ(frame(c), hex("0c000000 ca00 320d 1e00 0200 00000000"));  // count 0, nothing more
+    c.setLabels({"a", ""});
+    EXPECT_EQ(frame(c), hex("15000000 ca00 320d 1e00 0200 02000000 01000000 61 00000000"));
+
+    Kelo::EmitterConnectionEvent k;
+    k.setSourceId(-2);
+    EXPECT_EQ(frame(k), hex("0a000000 cb00 320d 0000 0000 feff"));
+
+    Kelo::EmitterHullEvent h;
+    h.setHull(1, 2, 0.5f, -1);
+    EXPECT_EQ(frame(h), hex("18000000 cc00 320d 0000 0000 0000803f 00000040 0000003f 000080bf"));
+
+    Kelo::EmitterParamEvent p;  // gain first, then the extra parameter, then spatialize
+    p.setParam(false, 0.5f, 2.0f);
+    EXPECT_EQ(frame(p), hex("11000000 cd00 320d 0000 0000 00000040 0000003f 00"));
+
+    Kelo::SourceParamEvent sp;
+    sp.setParam(true, 0.5f);
+    EXPECT_EQ(frame(sp), hex("0d000000 ce00 320d 0000 0000 0000003f 01"));
+
+    Kelo::SourceDataEvent d;
+    d.setName("x");
+    EXPECT_EQ(frame(d), hex("15000000 cf00 320d 0000 0000 01000000 78 0000000000000000"));
+    const unsigned char bytes[3] = {9, 8, 7};
+    d.setData(bytes, 3);
+    EXPECT_EQ(frame(d), hex("18000000 cf00 320d 0000 0000 01000000 78 0300000000000000 090807"));
+
+    Kelo::SourceDurationEvent du;
+    du.setDuration(2.5f);
+    EXPECT_EQ(frame(du), hex("0c000000 d000 320d 0000 0000 00002040"));
+}
+
+TEST(EventFrames, RoundTripsKeepEveryFieldBitForBit) {
+    Kelo::TransformEvent t;
+    t.setCommand(Kelo::SetListenerTransform);
+    t.setId(Kelo::CommandEvent::wireId(70000));
+    t.setPosition(osg::Vec3f(-0.0f, NAN, 1e-40f));
+    t.setRotation(osg::Quaternion(0, 0, 2, 3));  // not normalised, stays so
+    auto back = decode<Kelo::TransformEvent>(frame(t));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->id(), 4464);
+    EXPECT_EQ(Kelo::CommandEvent::wireId(40000), -25536);
+    EXPECT_EQ(back->stamp(), 3378);
+    EXPECT_EQ(std::memcmp(back->position().ptr(), t.position().ptr(), 12), 0);
+    EXPECT_EQ(back->rotation(), osg::Quaternion(0, 0, 2, 3));
+
+    Kelo::CreateEmitterEvent c;
+    c.setLabels({"a", "", "b"});
+    auto labels = decode<Kelo::CreateEmitterEvent>(frame(c));
+    ASSERT_TRUE(labels);
+    EXPECT_THAT(labels->labels(), ElementsAre("a", "", "b"));
+
+    Kelo::EmitterParamEvent p;
+    p.setParam(false, 0.5f, 2.0f);
+    auto param = decode<Kelo::EmitterParamEvent>(frame(p));
+    ASSERT_TRUE(param);
+    EXPECT_FALSE(param->spatialize());
+    EXPECT_EQ(param->extraParam(), 0.5f);
+    EXPECT_EQ(param->gain(), 2.0f);
+}
+
+// Decoding into an object that already holds values, as a receiver reusing one would.
+void refill(Lirra::Event& target, Lirra::Event& from) {
+    const Bytes f = frame(from);
+    ASSERT_TRUE(target.decodeInto(f.data() + 4, f.size() - 4));
+}
+
+TEST(EventCopies, UnevenByDesign) {
+    Kelo::TransformEvent t;
+    t.setCommand(Kelo::SetEmitterTransform);
+    t.setId(7);
+    t.setPosition(osg::Vec3f(1, 2, 3));
+    Kelo::TransformEvent copied(t);
+    EXPECT_EQ(copied.command(), 0);
+    EXPECT_EQ(copied.id(), 0);
+    EXPECT_EQ(copied.position(), t.position());
+    Kelo::TransformEvent assigned;
+    assigned = t;
+    EXPECT_EQ(assigned.command(), Kelo::SetEmitterTransform);
+    EXPECT_EQ(assigned.id(), 7);
+
+    Kelo::EmitterHullEvent h;
+    h.setCommand(Kelo::SetEmitterHull);
+    h.setHull(1, 2, 3, 4);
+    Kelo::EmitterHullEvent hullCopy(h);
+    EXPECT_EQ(hullCopy.command(), 0);
+    EXPECT_EQ(hullCopy.minFront(), 4);
+
+    Kelo::CreateEmitterEvent c;
+    c.setCommand(Kelo::CreateEmitter);
+    c.setLabels({"a"});
+    c.setStamp(5);
+    Kelo::CreateEmitterEvent labelCopy(c);
+    EXPECT_EQ(labelCopy.command(), Kelo::CreateEmitter);
+    EXPECT_EQ(labelCopy.stamp(), 5);
+    EXPECT_TRUE(labelCopy.labels().empty());
+
+    Kelo::SourceDataEvent d;
+    d.setName("big");
+    std::vector<unsigned char> bytes(1000, 0x5a);
+    d.setData(bytes.data(), bytes.size());
+    Kelo::SourceDataEvent dataCopy(d);
+    EXPECT_EQ(dataCopy.name(), "big");
+    EXPECT_EQ(dataCopy.size(), 0u);
+    EXPECT_EQ(dataCopy.data(), nullptr);
+    dataCopy = d;
+    ASSERT_EQ(dataCopy.size(), 1000u);
+    EXPECT_NE(dataCopy.data(), d.data());
+    EXPECT_EQ(std::memcmp(dataCopy.data(), bytes.data(), 1000), 0);
+
+    Kelo::SourceParamEvent sp;
+    sp.setCommand(Kelo::SetSourceParam);
+    sp.setParam(true, 3);
+    Kelo::SourceParamEvent spCopy(sp);
+    EXPECT_EQ(spCopy.command(), Kelo::SetSourceParam);
+    EXPECT_TRUE(spCopy.loop());
+}
+
+TEST(EventDecoding, ReceiversResizeAndFreeWhatTheyHeld) {
+    Kelo::CreateEmitterEvent five, three;
+    five.setLabels({"1", "2", "3", "4", "5"});
+    three.setLabels({"a", "", "b"});
+    refill(five, three);
+    EXPECT_THAT(five.labels(), ElementsAre("a", "", "b"));
+
+    Kelo::SourceDataEvent holding, empty;
+    const unsigned char bytes[4] = {1, 2, 3, 4};
+    holding.setData(bytes, 4);
+    refill(holding, empty);
+    EXPECT_EQ(holding.size(), 0u);
+    EXPECT_EQ(holding.data(), nullptr);
+}
+
+// Every way a hostile peer can get a frame wrong is refused with a reason, never read past.
+TEST(EventDecoding, MalformedFramesAreRefused) {
+    struct Case {
+        const char* body;  // after the length field
+        const char* reason;
+    };
+    const Case cases[] = {
+        {"c8", "shorter than its header"},
+        {"3930 0000 2400 0700", "unknown event type 12345"},
+        {"c800 0000 2400", "truncated field"},
+        {"c800 0000 2400 0700 ff", "1 bytes left over"},
+        {"cd00 0000 0000 0000 0000803f 00000000 02", "bool that is neither 0 nor 1"},
+        {"ca00 0000 0000 0000 ffffffff", "more labels than the frame can hold"},
+        {"ca00 0000 0000 0000 01000000 ffffff7f 61", "string longer than the frame"},
+        {"cf00 0000 0000 0000 00000000 ffffffffffffff7f 00", "data block larger than the frame"},
+    };
+    LogCapture log(osg::LOG_WARNING);
+    for (const Case& c : cases) {
+        const Bytes body = hex(c.body);
+        std::string error;
+        EXPECT_EQ(Lirra::Event::decode(body.data(), body.size(), &error), nullptr) << c.body;
+        EXPECT_THAT(error, HasSubstr(c.reason)) << c.body;
+    }
+    ASSERT_EQ(log.messages.size(), std::size(cases));
+    EXPECT_EQ(log.texts()[1], "Refused event frame: unknown event type 12345\n");
+    EXPECT_STREQ(log.messages[1].module, "Lirra");
+}
+
+// A byte stream in memory.
+struct Stream : Lirra::Receiver {
+    explicit Stream(Bytes b) : bytes(std::move(b)) {}
+    bool readExact(uint8_t* out, size_t count) override {
+        if (bytes.size() - at < count)
+            return false;
+        std::memcpy(out, bytes.data() + at, count);
+        at += count;
+        return true;
+    }
+    Bytes bytes;
+    size_t at = 0;
+};
+
+TEST(EventDecoding, StreamsStopAtTheFrameCapTruncationOrGarbage) {
+    Kelo::SourceDurationEvent d;
+    d.setDuration(1.5f);
+    Bytes two = frame(d);
+    const Bytes second = frame(d);
+    two.insert(two.end(), second.begin(), second.end());
+    Stream stream(two);
+    Lirra::Event* event = nullptr;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(Lirra::Event::receive(&stream, event));
+        EXPECT_EQ(static_cast<Kelo::SourceDurationEvent*>(event)->duration(), 1.5f);
+        delete event;
+    }
+    EXPECT_FALSE(Lirra::Event::receive(&stream, event));  // the stream has ended
+    EXPECT_EQ(event, nullptr);
+
+    LogCapture log(osg::LOG_WARNING);
+    Stream huge(hex("ffffff7f c800"));  // announces 2 GiB
+    EXPECT_FALSE(Lirra::Event::receive(&huge, event));
+    EXPECT_EQ(huge.at, 4u);  // nothing read past the length
+    EXPECT_THAT(log.texts(), ElementsAre("Refused event frame: 2147483647 bytes, more than the "
+                                         "67108864 allowed\n"));
+    Lirra::Event::setMaxFrameSize(8);
+    Stream capped(frame(d));  // 12 bytes after the length
+    EXPECT_FALSE(Lirra::Event::receive(&capped, event));
+    Lirra::Event::setMaxFrameSize(64u << 20);
+    Stream truncated(hex("0c000000 d000 320d"));
+    EXPECT_FALSE(Lirra::Event::receive(&truncated, event));
+}
+
+TEST(EventTypes, RegistryRefusesASecondId) {
+    EXPECT_EQ(Lirra::EventType::find(201), &Kelo::TransformEvent::_type);
+    EXPECT_EQ(Kelo::SourceDataEvent::_type.name(), "SourceDataEvent");
+    LogCapture log(osg::LOG_WARNING);
+    {
+        Lirra::EventType clash("Clash", 201, &Kelo::CommandEvent::create);
+        EXPECT_FALSE(clash.registered());
+        EXPECT_THAT(log.texts(), ElementsAre("There is already an event type with the id 201 "
+                                             "(TransformEvent), skip reg.\n"));
+    }
+    EXPECT_EQ(Lirra::EventType::find(201), &Kelo::TransformEvent::_type);
+}
+
+struct DataFiles : ::testing::Test {
+    std::string path(const std::string& name) const {
+        return ::testing::TempDir() + "kelo-events-" + std::to_string(getpid()) + "-" + name;
+    }
+};
+
+TEST_F(DataFiles, LoadReadsWholeFilesAndFailsEmpty) {
+    Kelo::SourceDataEvent d;
+    const unsigned char old[2] = {1, 2};
+    d.setData(old, 2);
+    EXPECT_FALSE(d.loadData());  // no name: nothing, silently
+    EXPECT_EQ(d.data(), nullptr);
+
+    LogCapture log(osg::LOG_FATAL);
+    d.setName(path("missing"));
+    EXPECT_FALSE(d.loadData());
+    const std::string empty = path("empty"), wav = path("44");
+    std::ofstream(empty).close();
+    std::ofstream(wav) << std::string(44, 'w');
+    d.setName(empty);
+    EXPECT_FALSE(d.loadData());
+    EXPECT_EQ(d.size(), 0u);
+    d.setName(wav);
+    ASSERT_TRUE(d.loadData());
+    EXPECT_EQ(d.size(), 44u);
+    EXPECT_EQ(d.data()[43], 'w');
+    EXPECT_THAT(log.texts(),
+                ElementsAre("Could not seek Kelo::Source data: >" + empty + "<\n",
+                            "Read local Kelo::Source data: >" + wav + "< (44 byte)\n"));
+    std::remove(empty.c_str());
+    std::remove(wav.c_str());
+}
+
+TEST_F(DataFiles, StoreReplacesTheFileExactly) {
+    Kelo::SourceDataEvent d;
+    LogCapture log(osg::LOG_FATAL);
+    const std::string target = path("stored");
+    EXPECT_FALSE(d.storeData(target));  // nothing to store
+    const unsigned char bytes[3] = {1, 0, 2};
+    d.setData(bytes, 3);
+    EXPECT_FALSE(d.storeData(""));
+    EXPECT_FALSE(std::ifstream(target).good());
+    std::ofstream(target) << "a much longer file than three bytes";
+    ASSERT_TRUE(d.storeData(target));
+    std::ifstream in(target, std::ios::binary);
+    const std::string stored{std::istreambuf_iterator<char>(in), {}};
+    EXPECT_EQ(stored, std::string("\1\0\2", 3));
+    EXPECT_FALSE(d.storeData("/nonexistent-dir/x"));
+    EXPECT_THAT(log.texts(),
+                ElementsAre("Wrote local Kelo::Source data: >" + target + "< (3 bytes)\n",
+                            "Could not write local Kelo::Source data: >/nonexistent-dir/x< (3 "
+                            "bytes)\n"));
+    std::remove(target.c_str());
+}
+
+}  // namespace
