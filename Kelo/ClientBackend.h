@@ -1,0 +1,86 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include <Tovan/ObjectThread.h>
+
+#include "Kelo/Backend.h"
+#include "Kelo/BackendType.h"
+#include "Kelo/CommandEvent.h"
+#include "Kelo/WorldPart.h"
+
+namespace Lirra {
+class Communicator;
+}
+
+namespace Kelo {
+
+class KeloMultiClient;
+
+// "client": sends every change of the world as a command event to every connected sound server,
+// brings each server that connects up to the world's state first, and stores the playing times
+// that servers report back. Servers are found on the multicast group or named in the parameters.
+//
+// Catch-ups and reported playing times are applied in update(), on the thread that drives the
+// world: call World::update() every frame.
+class ClientBackend : public Backend {
+public:
+    ClientBackend(World& world, const char* params);
+    // Not supported: builds the backend part only, which complains. Never use a copy.
+    ClientBackend(const ClientBackend& other);
+    ~ClientBackend() override;
+
+    void resetBackend() override;
+    void setEnabled() override;
+    void setListenerTransform() override;
+    void createSource(Source& source) override;
+    void destroySource(Source& source) override;
+    void setSourceData(Source& source) override;
+    void setSourceParam(Source& source) override;
+    void setSourceState(Source& source) override;
+    void createEmitter(Emitter& emitter) override;
+    void destroyEmitter(Emitter& emitter) override;
+    void setEmitterTransform(Emitter& emitter) override;
+    void setEmitterHull(Emitter& emitter) override;
+    void setEmitterParam(Emitter& emitter) override;
+    void setEmitterConnection(Emitter& emitter) override;
+    void setEmitterState(Emitter& emitter) override;
+    // Catches up the servers that connected since the last call, then applies what servers
+    // reported.
+    bool update() override;
+    const BackendType* type() const override { return &_type; }
+
+    // Sends the world's whole state to one server.
+    bool addCommunicator(Lirra::Communicator* server);
+    // Command 0 means: nothing to send.
+    static Command sourceState2Command(WorldPart::State state);
+    static Command emitterState2Command(WorldPart::State state);
+    int receiveThread();
+    // Applies a received event: only playing times (command 23) are accepted.
+    bool dispatchEvent(CommandEvent* event);
+
+    // Network thread: a server has connected. It is caught up in the next update().
+    void serverConnected(Lirra::Communicator* server);
+    // Servers that receive live changes (caught up and not lost).
+    size_t servers() const;
+    bool transferData() const { return _transferData; }
+
+    static Backend* createMethod(World& world, const char* params);
+    static BackendType _type;
+
+private:
+    void send(CommandEvent& event);
+
+    std::unique_ptr<KeloMultiClient> _communicator;
+    std::unique_ptr<Tovan::ObjectThread<ClientBackend>> _receiveThread;
+    bool _transferData = true;
+
+    // Handed over between the threads.
+    std::mutex _pendingMutex;
+    std::vector<Lirra::Communicator*> _joining;
+    std::vector<std::unique_ptr<CommandEvent>> _received;
+};
+
+}  // namespace Kelo

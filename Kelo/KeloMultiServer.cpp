@@ -1,0 +1,24 @@
+#include "Kelo/KeloMultiServer.h"
+
+#include "Kelo/Server.h"
+
+namespace Kelo {
+
+KeloMultiServer::KeloMultiServer(Server* server) : MultiServer(2), _server(server) {}
+
+KeloMultiServer::~KeloMultiServer() {
+    close();
+}
+
+bool KeloMultiServer::addCommunicator(Lirra::Communicator* connection) {
+    if (!connection)
+        return false;
+    _server->clientConnected(connection);
+    return true;
+}
+
+bool KeloMultiServer::join(Lirra::Communicator* connection) {
+    return MultiServer::addCommunicator(connection);
+}
+
+}  // namespace Kelo

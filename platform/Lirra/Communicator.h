@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Lirra/Event.h"
+
+namespace Lirra {
+
+namespace detail {
+class Connection;
+}
+
+// One connection to a peer: events are sent to it (Sender) and read from it (Receiver). Made by
+// a MultiServer or MultiClient once the peer has answered with a Kelo preamble. Reading happens
+// on one thread, the one that gets the communicator from MultiCommunicator::receiveCommunicator;
+// sending may happen on any thread.
+class Communicator : public Sender, public Receiver {
+public:
+    explicit Communicator(std::shared_ptr<detail::Connection> connection);
+    // Closes the connection.
+    ~Communicator() override;
+    Communicator(const Communicator&) = delete;
+    Communicator& operator=(const Communicator&) = delete;
+
+    // Queues a frame; false when the connection is lost (or its send queue overflowed).
+    bool write(const uint8_t* bytes, size_t count) override;
+    // Reads from the frames received so far; false once they are used up and the peer is gone.
+    bool readExact(uint8_t* bytes, size_t count) override;
+    void close();
+
+    // "address:port" of the peer.
+    const std::string& peer() const;
+
+private:
+    friend class MultiCommunicator;
+    // Unread received bytes already taken over by the reading thread.
+    size_t buffered() const { return _buffer.size() - _read; }
+    // Takes over what has arrived; false when nothing has. Hub lock held.
+    bool refill();
+
+    std::shared_ptr<detail::Connection> _connection;
+    std::vector<uint8_t> _buffer;
+    size_t _read = 0;
+};
+
+}  // namespace Lirra

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Lirra/MultiCommunicator.h"
+#include "Lirra/Multicast.h"
+
+namespace Lirra {
+
+namespace detail {
+class NetworkThread;
+}
+
+// Connects to servers: to those named explicitly and, with discovery on, to every server that
+// announces itself on the multicast group. A server that is lost is connected to again when it
+// comes back (announces again, or answers a retry). New connections arrive through
+// addCommunicator() on the network thread, once the server has answered with a Kelo preamble.
+class MultiClient : public MultiCommunicator, public Multicast {
+public:
+    // kind is kept for the interface's sake; there is one kind of client.
+    explicit MultiClient(int kind = 2);
+    ~MultiClient() override;
+
+    // Starts listening on the group (when discovery and multicast are on) and connecting.
+    bool open();
+    void close() override;
+
+    // Keeps a connection to host:port, retrying while it is down. False for a host that is not
+    // a numeric address or a name that resolves.
+    bool connectToServer(const std::string& host, unsigned short port);
+    // Stops retrying host:port and closes its connection.
+    bool disconnectFromServer(const std::string& host, unsigned short port);
+
+    // Discovery through the multicast group.
+    bool discover() const { return _discover; }
+    void setDiscover(bool discover) { _discover = discover; }
+    // Seconds between attempts to reach a named server that is down.
+    double retryInterval() const { return _retry; }
+    void setRetryInterval(double seconds) { _retry = seconds; }
+    // Bytes a server's send queue may hold before the server is taken for lost.
+    void setSendLimit(size_t bytes) { _sendLimit = bytes; }
+
+private:
+    struct Impl;
+    std::unique_ptr<detail::NetworkThread> _thread;
+    std::unique_ptr<Impl> _impl;
+    bool _discover = true;
+    double _retry = 3.0;
+    size_t _sendLimit = 64u << 20;
+};
+
+}  // namespace Lirra

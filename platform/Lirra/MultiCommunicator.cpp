@@ -1,0 +1,137 @@
+#include "Lirra/MultiCommunicator.h"
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "Lirra/Connection.h"
+
+namespace Lirra {
+
+MultiCommunicator::MultiCommunicator() : _hub(std::make_shared<detail::Hub>()) {}
+
+MultiCommunicator::~MultiCommunicator() {
+    MultiCommunicator::close();
+}
+
+void MultiCommunicator::close() {
+    std::vector<Communicator*> members;
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        members.swap(_members);
+        _current = nullptr;
+        _broken = true;
+    }
+    _hub->ready.notify_all();
+    // Let what is queued go out first (a last reset, say), but not wait on a stalled peer.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    for (Communicator* c : members)
+        while (!c->_connection->drained() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (Communicator* c : members)
+        delete c;
+}
+
+bool MultiCommunicator::write(const uint8_t* bytes, size_t count) {
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    bool delivered = false;
+    for (Communicator* c : _members)
+        delivered |= c->write(bytes, count);
+    return delivered;
+}
+
+bool MultiCommunicator::addCommunicator(Communicator* communicator) {
+    if (!communicator)
+        return false;
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        if (std::find(_members.begin(), _members.end(), communicator) != _members.end())
+            return false;
+        _members.push_back(communicator);
+    }
+    _hub->ready.notify_all();
+    return true;
+}
+
+void MultiCommunicator::removeCommunicator(Communicator* communicator) {
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    _members.erase(std::remove(_members.begin(), _members.end(), communicator), _members.end());
+    if (_current == communicator)
+        _current = nullptr;
+}
+
+bool MultiCommunicator::hasInput(const Communicator* c) const {
+    return c->buffered() > 0 || c->_connection->hasFrames() || c->_connection->lost();
+}
+
+bool MultiCommunicator::receiveCommunicator(Communicator*& communicator) {
+    communicator = nullptr;
+    // While the last connection handed out still holds frames taken over earlier, keep
+    // reading it without touching the lock: the common case under load.
+    if (_current && _current->buffered() > 0) {
+        communicator = _current;
+        return true;
+    }
+    std::unique_lock<std::mutex> lock(_hub->mutex);
+    for (;;) {
+        if (_broken)
+            return false;
+        const size_t n = _members.size();
+        for (size_t i = 0; i < n; ++i) {
+            const size_t at = (_next + i) % n;
+            Communicator* c = _members[at];
+            if (hasInput(c)) {
+                c->refill();
+                _next = (at + 1) % n;
+                _current = communicator = c;
+                return true;
+            }
+        }
+        _hub->ready.wait(lock);
+    }
+}
+
+bool MultiCommunicator::waitForCommunicators() {
+    std::unique_lock<std::mutex> lock(_hub->mutex);
+    _hub->ready.wait(lock, [this] { return _broken || !_members.empty(); });
+    return !_broken;
+}
+
+void MultiCommunicator::breakWait() {
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        _broken = true;
+    }
+    _hub->ready.notify_all();
+}
+
+bool MultiCommunicator::communicatorsAvail(int& count) {
+    if (_current && _current->buffered() > 0) {
+        count = 1;  // at least this one; enough to keep reading without the lock
+        return true;
+    }
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    count = static_cast<int>(
+        std::count_if(_members.begin(), _members.end(), [this](auto* c) { return hasInput(c); }));
+    return true;
+}
+
+bool MultiCommunicator::waitForInput(double seconds) {
+    if (_current && _current->buffered() > 0)
+        return true;
+    std::unique_lock<std::mutex> lock(_hub->mutex);
+    auto ready = [this] {
+        return _broken || std::any_of(_members.begin(), _members.end(),
+                                      [this](auto* c) { return hasInput(c); });
+    };
+    _hub->ready.wait_for(lock, std::chrono::duration<double>(seconds), ready);
+    return !_broken && ready();
+}
+
+size_t MultiCommunicator::size() const {
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    return _members.size();
+}
+
+}  // namespace Lirra

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "Lirra/Communicator.h"
+#include "Lirra/Event.h"
+
+namespace Lirra {
+
+namespace detail {
+struct Hub;
+}
+
+// A set of connections. As a Sender it gives every frame to all of them (encoded once). One
+// thread receives: it waits for a connection with input and reads an event from it; a
+// connection that is lost is handed out too, so that reading from it fails and the receiver
+// removes it.
+class MultiCommunicator : public Sender {
+public:
+    MultiCommunicator();
+    // Deletes the communicators still in the set.
+    ~MultiCommunicator() override;
+    MultiCommunicator(const MultiCommunicator&) = delete;
+    MultiCommunicator& operator=(const MultiCommunicator&) = delete;
+
+    // Closes and deletes every connection and releases waiting threads.
+    virtual void close();
+    // Every connection of the set gets the frame.
+    bool write(const uint8_t* bytes, size_t count) override;
+
+    // Takes a connection into the set (and ownership of it). False if it is there already.
+    virtual bool addCommunicator(Communicator* communicator);
+    // Takes a connection out of the set; the caller owns it again.
+    virtual void removeCommunicator(Communicator* communicator);
+    // Waits for the next connection with input (or lost); false once breakWait() or close()
+    // was called.
+    virtual bool receiveCommunicator(Communicator*& communicator);
+    // Waits until the set holds a connection; false once breakWait() or close() was called.
+    virtual bool waitForCommunicators();
+    // Makes every present and future wait return false.
+    virtual void breakWait();
+    // How many connections have input waiting (or are lost).
+    virtual bool communicatorsAvail(int& count);
+    // Waits up to the given time for input; true when some is waiting.
+    bool waitForInput(double seconds);
+
+    size_t size() const;
+
+protected:
+    std::shared_ptr<detail::Hub> hub() const { return _hub; }
+
+private:
+    bool hasInput(const Communicator* c) const;  // hub lock held
+
+    std::shared_ptr<detail::Hub> _hub;
+    std::vector<Communicator*> _members;
+    size_t _next = 0;  // round-robin position
+    Communicator* _current = nullptr;
+    bool _broken = false;
+};
+
+}  // namespace Lirra

@@ -1,0 +1,141 @@
+#include "Lirra/MultiServer.h"
+
+#include <future>
+
+#include <osg/Log.h>
+
+#include "Lirra/Connection.h"
+
+#define LIRRA_LOG(level, ...) \
+    ::osg::Log::the().write(level, "Lirra", __FILE__, __LINE__, __func__, __VA_ARGS__)
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using asio::ip::udp;
+
+namespace Lirra {
+
+// The parts that live on the network thread.
+struct MultiServer::Impl {
+    Impl(MultiServer& owner, asio::io_context& io)
+        : owner(owner), acceptor(io), announcer(io), timer(io) {}
+
+    void accept() {
+        acceptor.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
+            if (ec == asio::error::operation_aborted || !acceptor.is_open())
+                return;
+            if (!ec) {
+                auto connection = std::make_shared<detail::Connection>(
+                    std::move(socket), owner.hub(), owner._sendLimit);
+                // Handed over once its preamble has arrived.
+                connection->start([this](const std::shared_ptr<detail::Connection>& c) {
+                    if (!closed)
+                        owner.addCommunicator(new Communicator(c));
+                });
+            }
+            accept();
+        });
+    }
+
+    void announce() {
+        if (owner.multicastEnabled()) {
+            boost::system::error_code ec;
+            const auto group = asio::ip::make_address(owner.address().toString(), ec);
+            asio::ip::address local;
+            if (!ec)
+                local = asio::ip::make_address(owner.interface().toString(), ec);
+            if (!ec && !announcer.is_open())
+                announcer.open(group.is_v6() ? udp::v6() : udp::v4(), ec);
+            if (!ec)
+                announcer.set_option(asio::ip::multicast::hops(owner.ttl()), ec);
+            if (!ec && local.is_v4() && !local.to_v4().is_unspecified())
+                announcer.set_option(asio::ip::multicast::outbound_interface(local.to_v4()), ec);
+            if (!ec)
+                announcer.send_to(
+                    asio::buffer(encodeAnnouncement(owner._listeningPort, owner.id())),
+                    udp::endpoint(group, owner.port()), 0, ec);
+            if (ec && !warned)
+                LIRRA_LOG(osg::LOG_WARNING, "Cannot announce on %s:%u: %s\n",
+                          owner.address().toString().c_str(), owner.port(), ec.message().c_str());
+            warned = static_cast<bool>(ec);
+        }
+        timer.expires_after(std::chrono::seconds(1));
+        timer.async_wait([this](boost::system::error_code ec) {
+            if (!ec)
+                announce();
+        });
+    }
+
+    MultiServer& owner;
+    tcp::acceptor acceptor;
+    udp::socket announcer;
+    asio::steady_timer timer;
+    bool announcing = false;
+    bool warned = false;
+    bool closed = false;  // no more clients are handed over
+};
+
+MultiServer::MultiServer(int)
+    : _thread(std::make_unique<detail::NetworkThread>()),
+      _impl(std::make_unique<Impl>(*this, _thread->io())) {}
+
+MultiServer::~MultiServer() {
+    MultiServer::close();
+    _thread->stop();  // no handler runs any more: the sockets can go, then the io_context
+    _impl.reset();
+}
+
+bool MultiServer::open(const std::string& host, unsigned short port, bool announce) {
+    boost::system::error_code ec;
+    const auto address = host.empty() ? asio::ip::address(asio::ip::address_v4::any())
+                                      : asio::ip::make_address(host, ec);
+    tcp::acceptor& acceptor = _impl->acceptor;
+    if (!ec)
+        acceptor.open(address.is_v6() ? tcp::v6() : tcp::v4(), ec);
+    if (!ec)
+        acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec)
+        acceptor.bind({address, port}, ec);
+    if (!ec)
+        acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    if (ec) {
+        LIRRA_LOG(osg::LOG_FATAL, "Cannot listen on %s:%u: %s\n", host.c_str(), port,
+                  ec.message().c_str());
+        boost::system::error_code ignored;
+        acceptor.close(ignored);
+        return false;
+    }
+    _listeningPort = acceptor.local_endpoint().port();
+    _listeningHost = address.to_string();
+    _announce = announce;
+    asio::post(_thread->io(), [this] { _impl->accept(); });
+    return true;
+}
+
+void MultiServer::startAnnouncing() {
+    asio::post(_thread->io(), [this] {
+        if (!_announce || _impl->announcing || !_impl->acceptor.is_open())
+            return;
+        _impl->announcing = true;
+        _impl->announce();
+    });
+}
+
+void MultiServer::close() {
+    if (_impl) {
+        // Stop accepting and announcing on the network thread, and wait until it has.
+        std::promise<void> done;
+        asio::post(_thread->io(), [this, &done] {
+            boost::system::error_code ignored;
+            _impl->closed = true;
+            _impl->acceptor.close(ignored);
+            _impl->timer.cancel();
+            _impl->announcer.close(ignored);
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+    MultiCommunicator::close();
+}
+
+}  // namespace Lirra
