@@ -1,25 +1,26 @@
-// A sound circling the listener, with a quiet drone that stays on the listener: the library
-// driving OpenAL in real time. With a sound device it plays; without one OpenAL Soft renders
-// what would be heard into kelo-demo.wav.
-#include <AL/alc.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+// A pulsing sound circling the listener, and a quiet hum that stays on the listener.
+//
+//   kelo-demo --write-sounds DIR     writes the two sounds as DIR/pulses.wav and DIR/hum.wav
+//   kelo-demo --server HOST:PORT     drives a kelo-server that holds them as sources 1 and 2
+//   kelo-demo                        renders the scene itself through OpenAL
+//
+// Without a sound device, OpenAL renders into a WAV file (kelo-demo.wav when local).
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
+#include <Kelo/ClientBackend.h>
 #include <Kelo/Emitter.h>
-#include <Kelo/OALBackend.h>
 #include <Kelo/Source.h>
 #include <Kelo/World.h>
+
+#include "AudioOutput.h"
 
 namespace {
 
@@ -27,33 +28,7 @@ constexpr unsigned kRate = 44100;
 constexpr double kSeconds = 6.0;  // how long the scene runs
 constexpr double kOrbit = 4.0;    // seconds per circle
 constexpr float kRadius = 3.0f;
-
-// Whether the default OpenAL device opens. Asked in a child process: OpenAL Soft reads its
-// configuration once, at its first call, and this process may still have to choose one.
-bool defaultDeviceOpens() {
-    const pid_t child = fork();
-    if (child == 0) {
-        std::freopen("/dev/null", "w", stderr);  // the drivers' own complaints
-        ALCdevice* device = alcOpenDevice(nullptr);
-        _exit(device ? 0 : 1);
-    }
-    int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
-}
-
-// Points OpenAL Soft at its wave writer, which renders in real time into a file.
-std::string renderToFile() {
-    const std::string wav = std::filesystem::absolute("kelo-demo.wav").string();
-    const std::string conf = (std::filesystem::temp_directory_path() /
-                              ("kelo-demo-" + std::to_string(getpid()) + ".alsoft.conf"))
-                                 .string();
-    std::ofstream(conf) << "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
-                           "frequency=44100\n[wave]\nfile="
-                        << wav << "\n";
-    setenv("ALSOFT_CONF", conf.c_str(), 1);
-    return wav;
-}
+constexpr int kPulses = 1, kHum = 2;  // source ids, the same on a server
 
 void append16(std::vector<unsigned char>& bytes, double value) {
     const auto s = static_cast<uint16_t>(static_cast<int16_t>(std::lround(value)));
@@ -74,36 +49,61 @@ std::vector<unsigned char> pulses() {
 }
 
 // One second of a low hum, a whole number of cycles so that it loops without a click.
-std::vector<unsigned char> drone() {
+std::vector<unsigned char> hum() {
     std::vector<unsigned char> bytes;
     for (unsigned i = 0; i < kRate; ++i)
         append16(bytes, 9000 * std::sin(2 * M_PI * 110 * i / kRate));
     return bytes;
 }
 
+void setSound(Kelo::Source& source, const std::vector<unsigned char>& pcm) {
+    source.setData(kRate, 16, 1, pcm.data(), static_cast<unsigned>(pcm.size()));
+}
+
+int writeSounds(const std::string& dir) {
+    Kelo::World world;
+    Kelo::Source* source = world.createSource();
+    setSound(*source, pulses());
+    source->dumpWavFile(dir + "/pulses.wav");
+    setSound(*source, hum());
+    source->dumpWavFile(dir + "/hum.wav");
+    world.clearWorld();
+    return 0;
+}
+
 }  // namespace
 
-int main() {
-    std::string wav;
-    if (!std::getenv("ALSOFT_CONF") && !defaultDeviceOpens())
-        wav = renderToFile();
+int main(int argc, char** argv) {
+    CLI::App app{"Kelo demo: a sound circling the listener."};
+    std::string server, soundDir;
+    app.add_option("--server", server, "Drive the kelo-server at HOST:PORT");
+    app.add_option("--write-sounds", soundDir, "Write the demo's sounds into this directory");
+    CLI11_PARSE(app, argc, argv);
+    if (!soundDir.empty())
+        return writeSounds(soundDir);
+
+    const bool remote = !server.empty();
+    const std::string wav = remote ? "" : chooseAudioOutput("kelo-demo.wav");
 
     Kelo::World world;
-    auto* audio = static_cast<Kelo::OALBackend*>(world.addBackend("openal", ""));
-    if (!audio || !audio->context()) {
-        std::fprintf(stderr, "kelo-demo: OpenAL could not open a device\n");
+    Kelo::ClientBackend* client = nullptr;
+    if (remote) {
+        // A named server and no multicast: nothing leaves this machine but that connection.
+        const std::string params = "servers=" + server + " multicast=false retry=0.2";
+        client = static_cast<Kelo::ClientBackend*>(world.addBackend("client", params.c_str()));
+    } else if (!world.addBackend("openal", "")) {
         return 1;
     }
 
-    const std::vector<unsigned char> pulseData = pulses(), droneData = drone();
-    Kelo::Source* pulse = world.createSource();
-    pulse->setData(kRate, 16, 1, pulseData.data(), static_cast<unsigned>(pulseData.size()));
+    // On a server the sounds are its own sources 1 and 2; here they need data only when local.
+    Kelo::Source* pulse = world.createSource(kPulses);
+    Kelo::Source* drone = world.createSource(kHum);
+    if (!remote) {
+        setSound(*pulse, pulses());
+        setSound(*drone, hum());
+    }
     pulse->setParam(true, 1.0f);
-    Kelo::Source* hum = world.createSource();
-    hum->setData(kRate, 16, 1, droneData.data(), static_cast<unsigned>(droneData.size()));
-    hum->setParam(true, 1.0f);
-    std::printf("kelo-demo: the pulses last %.2f s, the hum %.2f s (reported by OpenAL)\n",
-                static_cast<double>(pulse->duration()), static_cast<double>(hum->duration()));
+    drone->setParam(true, 1.0f);
 
     Kelo::Emitter* circling = world.createEmitter({"circling"});
     circling->setHull(12, 12, 1, 1);
@@ -111,14 +111,31 @@ int main() {
     Kelo::Emitter* onListener = world.createEmitter({"ambience"});
     onListener->setParam(false, 0, 0.25f);  // not spatial: always on the listener
     onListener->setTransform(nullptr, nullptr);
-    onListener->setSource(hum);
+    onListener->setSource(drone);
+
+    if (remote) {
+        for (int i = 0; i < 500 && client->servers() == 0; ++i) {
+            world.update();  // catches up a server that has connected
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        if (client->servers() == 0) {
+            std::fprintf(stderr, "kelo-demo: no kelo-server answered at %s\n", server.c_str());
+            world.clearWorld();
+            world.deleteAllBackends();
+            return 1;
+        }
+        std::printf("kelo-demo: connected to the kelo-server at %s\n", server.c_str());
+    }
 
     circling->setState(Kelo::WorldPart::PLAY);
     onListener->setState(Kelo::WorldPart::PLAY);
     std::printf("kelo-demo: the pulses circle the listener every %.0f s, starting in front\n",
                 kOrbit);
+    std::fflush(stdout);
 
-    // 60 frames a second: move the emitter, then let the backends do their frame's work.
+    // 60 frames a second: move the emitter, then let the backends do their frame's work (the
+    // client backend applies what servers reported there).
+    bool reported = false;
     const auto start = std::chrono::steady_clock::now();
     for (int frame = 0;; ++frame) {
         const auto due = start + std::chrono::microseconds(frame * 1000000 / 60);
@@ -131,15 +148,24 @@ int main() {
                                   -kRadius * static_cast<float>(std::cos(angle)));
         circling->setTransform(&position, nullptr);
         world.update();
+        if (!reported && pulse->duration() > 0 && drone->duration() > 0) {
+            std::printf("kelo-demo: %s the pulses last %.2f s, the hum %.2f s\n",
+                        remote ? "the server reports" : "OpenAL reports",
+                        static_cast<double>(pulse->duration()),
+                        static_cast<double>(drone->duration()));
+            std::fflush(stdout);
+            reported = true;
+        }
     }
 
     circling->setState(Kelo::WorldPart::STOP);
     onListener->setState(Kelo::WorldPart::STOP);
     world.clearWorld();
     world.deleteAllBackends();
-    if (const char* conf = std::getenv("ALSOFT_CONF"); conf && !wav.empty())
-        std::remove(conf);
+    forgetAudioOutput();
+    if (!reported)
+        std::printf("kelo-demo: no playing time was reported\n");
     if (!wav.empty())
         std::printf("kelo-demo: no sound device here; what would be heard is in %s\n", wav.c_str());
-    return 0;
+    return reported ? 0 : 1;
 }

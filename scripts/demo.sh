@@ -1,14 +1,47 @@
 #!/usr/bin/env bash
-# Builds the library and runs the demo scene: with a sound device it plays; without one it
-# renders into kelo-demo.wav, and a picture of the two channels' loudness is drawn from it.
+# Builds the library and runs the whole chain on this machine: a kelo-server holding two sounds,
+# and the kelo-demo application driving it over loopback (named address, no multicast) with a
+# sound circling the listener. With a sound device the server plays it; without one it renders
+# into kelo-server.wav, and a picture of the two channels' loudness is drawn from that.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh demo
 cmake -S . -B build -G Ninja -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF
-cmake --build build -j "$(nproc)" --target kelo-demo
-rm -f kelo-demo.wav
-./build/apps/kelo-demo
-if [ -f kelo-demo.wav ]; then
-    bash scripts/loudness-plot.sh kelo-demo.wav kelo-demo.png
+cmake --build build -j "$(nproc)" --target kelo-demo kelo-server
+
+top=$PWD
+work=build/demo
+mkdir -p "$work"
+rm -f kelo-server.wav kelo-demo.png
+build/apps/kelo-demo --write-sounds "$work" 2> /dev/null
+
+build/apps/kelo-server --host 127.0.0.1 --no-multicast --wav "$top/kelo-server.wav" \
+    --sound 1="$work/pulses.wav" --sound 2="$work/hum.wav" > "$work/server.out" 2> "$work/server.err" &
+server=$!
+trap 'kill $server 2> /dev/null || true' EXIT
+port=
+for _ in $(seq 100); do
+    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$work/server.out")
+    [ -n "$port" ] && break
+    kill -0 $server 2> /dev/null || break
+    sleep 0.1
+done
+if [ -z "$port" ]; then
+    echo "kelo-server did not start:" >&2
+    cat "$work/server.out" "$work/server.err" >&2
+    exit 1
+fi
+cat "$work/server.out"
+
+status=0
+build/apps/kelo-demo --server "127.0.0.1:$port" 2> "$work/demo.err" || status=$?
+kill -INT $server
+wait $server || true
+trap - EXIT
+cat "$work/server.out" | tail -n +2
+[ $status -eq 0 ] || { cat "$work/demo.err" >&2; exit $status; }
+
+if [ -f kelo-server.wav ]; then
+    bash scripts/loudness-plot.sh kelo-server.wav kelo-demo.png
 fi

@@ -4,7 +4,8 @@
 # when everything is there.
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libopenal-dev libalut-dev)
+build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libopenal-dev libalut-dev
+       libcli11-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux clang
       libclang-rt-14-dev)
 demo=(sox gnuplot-nox)

@@ -1,0 +1,48 @@
+#include "AudioOutput.h"
+
+#include <AL/alc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+std::string writtenConf;
+
+// Asked in a child process, so that this one has made no OpenAL call yet.
+bool defaultDeviceOpens() {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::freopen("/dev/null", "w", stderr);  // the drivers' own complaints
+        _exit(alcOpenDevice(nullptr) ? 0 : 1);
+    }
+    int status = 0;
+    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+std::string chooseAudioOutput(const std::string& wavFile) {
+    if (std::getenv("ALSOFT_CONF") || defaultDeviceOpens())
+        return "";
+    const std::string wav = std::filesystem::absolute(wavFile).string();
+    writtenConf = (std::filesystem::temp_directory_path() /
+                   ("kelo-" + std::to_string(getpid()) + ".alsoft.conf"))
+                      .string();
+    std::ofstream(writtenConf) << "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
+                                  "frequency=44100\n[wave]\nfile="
+                               << wav << "\n";
+    setenv("ALSOFT_CONF", writtenConf.c_str(), 1);
+    return wav;
+}
+
+void forgetAudioOutput() {
+    if (!writtenConf.empty())
+        std::remove(writtenConf.c_str());
+    writtenConf.clear();
+}
