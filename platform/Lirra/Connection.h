@@ -3,6 +3,7 @@
 // Internal to the networking library: one TCP connection driven by an Asio io_context. Not
 // installed; the public classes hold it behind pointers.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -81,6 +82,10 @@ private:
     bool _writing = false;
     bool _closed = false;
     const size_t _sendLimit;
+    std::chrono::steady_clock::time_point _lastWrite{};
+    // The socket's descriptor, for sending straight from the caller's thread when nothing is
+    // queued; only used under _txMutex while the connection is not closed.
+    const int _fd;
 };
 
 // An io_context with its own thread, stopped and joined on destruction.
