@@ -1,7 +1,11 @@
 #include "support.h"
 
-#include <Kelo/Emitter.h>
-#include <Kelo/Source.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
 
 namespace KeloTest {
 
@@ -9,68 +13,69 @@ Kelo::BackendType RecordingBackend::_type("record", [](Kelo::World& world, const
     return static_cast<Kelo::Backend*>(new RecordingBackend(world, params));
 });
 
-RecordingBackend::RecordingBackend(Kelo::World& world, const char* params,
-                                   std::vector<std::string>* journal, std::string tag)
-    : Backend(world, params), _journal(journal), _tag(std::move(tag)) {}
-
 RecordingBackend::~RecordingBackend() {
     if (deleted)
         *deleted = true;
 }
 
 void RecordingBackend::record(const std::string& call) {
-    calls.push_back(call);
+    calls += (calls.empty() ? "" : " ") + call;
     if (_journal)
-        _journal->push_back(_tag + call);
+        *_journal += (_journal->empty() ? "" : " ") + _tag + call;
 }
 
-#define KELO_RECORD(op, Type)                                             \
-    void RecordingBackend::op(Kelo::Type& part) {                         \
-        record(std::string(#op) + "(" + std::to_string(part.id()) + ")"); \
-    }
-KELO_RECORD(createSource, Source)
-KELO_RECORD(destroySource, Source)
-KELO_RECORD(setSourceData, Source)
-KELO_RECORD(setSourceParam, Source)
-KELO_RECORD(setSourceState, Source)
-KELO_RECORD(createEmitter, Emitter)
-KELO_RECORD(destroyEmitter, Emitter)
-KELO_RECORD(setEmitterTransform, Emitter)
-KELO_RECORD(setEmitterHull, Emitter)
-KELO_RECORD(setEmitterParam, Emitter)
-KELO_RECORD(setEmitterConnection, Emitter)
-KELO_RECORD(setEmitterState, Emitter)
-#undef KELO_RECORD
-
-bool RecordingBackend::update() {
-    ++updates;
-    return false;  // the world ignores what backends answer
-}
-
-LogCapture::LogCapture(int level) : _oldLevel(osg::Log::the().level()) {
+LogCapture::LogCapture(int level) : oldLevel(osg::Log::the().level()) {
     osg::Log::the().setLevel(level);
-    _oldSink = osg::Log::the().setSink(
-        [this](const osg::LogMessage& message) { messages.push_back(message); });
+    oldSink = osg::Log::the().setSink([this](const osg::LogMessage& m) { messages.push_back(m); });
 }
 
 LogCapture::~LogCapture() {
-    osg::Log::the().setSink(std::move(_oldSink));
-    osg::Log::the().setLevel(_oldLevel);
-}
-
-std::vector<std::string> LogCapture::texts() const {
-    std::vector<std::string> out;
-    for (const auto& m : messages)
-        out.push_back(m.text);
-    return out;
+    osg::Log::the().setSink(std::move(oldSink));
+    osg::Log::the().setLevel(oldLevel);
 }
 
 std::vector<std::string> LogCapture::texts(int level) const {
     std::vector<std::string> out;
     for (const auto& m : messages)
-        if (m.level == level)
+        if (level < 0 || m.level == level)
             out.push_back(m.text);
     return out;
+}
+
+std::string LogCapture::text(int level) const {
+    std::string out;
+    for (const auto& t : texts(level))
+        out += t;
+    return out;
+}
+
+void setPcm(Kelo::Source& source, const std::vector<unsigned char>& bytes, unsigned rate,
+            unsigned bits, unsigned channels) {
+    stderrOf([&] {
+        source.setData(rate, bits, channels, bytes.data(), static_cast<unsigned>(bytes.size()));
+    });
+}
+
+std::vector<unsigned char> tone(double hz, double seconds, int rate,
+                                std::vector<double> amplitudes) {
+    std::vector<unsigned char> bytes;
+    for (int i = 0; i < static_cast<int>(seconds * rate); ++i)
+        for (double amplitude : amplitudes) {
+            const auto s = static_cast<uint16_t>(
+                static_cast<int16_t>(std::lround(amplitude * std::sin(2 * M_PI * hz * i / rate))));
+            bytes.push_back(static_cast<unsigned char>(s & 0xff));
+            bytes.push_back(static_cast<unsigned char>(s >> 8));
+        }
+    return bytes;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::string scratch(const std::string& name) {
+    return ::testing::TempDir() + "kelo-" + std::to_string(getpid()) + "-" + name;
 }
 
 }  // namespace KeloTest

@@ -1,68 +1,127 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <Kelo/Backend.h>
 #include <Kelo/BackendType.h>
+#include <Kelo/Emitter.h>
+#include <Kelo/Source.h>
+#include <Kelo/World.h>
 #include <osg/Log.h>
 
 namespace KeloTest {
 
-// Records every notification as "name(id)" ("setEnabled", "createSource(3)" …), in its own
-// list and, when given one, in a journal shared with other backends to check the interleaving.
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// A world that deletes its parts and then its backends when it goes, as a derived world must.
+struct Scene : Kelo::World {
+    ~Scene() override {
+        clearWorld();
+        deleteAllBackends();
+    }
+};
+
+// Records every notification as "name(id)" ("setEnabled", "createSource(3)" …), separated by
+// blanks, in its own log and, when given one, tagged in a journal shared with other backends to
+// check the interleaving.
 class RecordingBackend : public Kelo::Backend {
 public:
-    RecordingBackend(Kelo::World& world, const char* params = "",
-                     std::vector<std::string>* journal = nullptr, std::string tag = "");
+    RecordingBackend(Kelo::World& world, const char* params = "", std::string* journal = nullptr,
+                     std::string tag = "")
+        : Backend(world, params), _journal(journal), _tag(std::move(tag)) {}
     ~RecordingBackend() override;
-
     void resetBackend() override { record("resetBackend"); }
     void setEnabled() override { record("setEnabled"); }
     void setListenerTransform() override { record("setListenerTransform"); }
-    void createSource(Kelo::Source& s) override;
-    void destroySource(Kelo::Source& s) override;
-    void setSourceData(Kelo::Source& s) override;
-    void setSourceParam(Kelo::Source& s) override;
-    void setSourceState(Kelo::Source& s) override;
-    void createEmitter(Kelo::Emitter& e) override;
-    void destroyEmitter(Kelo::Emitter& e) override;
-    void setEmitterTransform(Kelo::Emitter& e) override;
-    void setEmitterHull(Kelo::Emitter& e) override;
-    void setEmitterParam(Kelo::Emitter& e) override;
-    void setEmitterConnection(Kelo::Emitter& e) override;
-    void setEmitterState(Kelo::Emitter& e) override;
-    bool update() override;
+    bool update() override {  // the world ignores the answer
+        ++updates;
+        return false;
+    }
     const Kelo::BackendType* type() const override { return &_type; }
+    // The calls recorded since the last take().
+    std::string take() { return std::exchange(calls, ""); }
+    // clang-format off
+#define KELO_RECORD(op, Part) void op(Kelo::Part& p) override { record(#op, p.id()); }
+    // clang-format on
+    KELO_RECORD(createSource, Source)
+    KELO_RECORD(destroySource, Source)
+    KELO_RECORD(setSourceData, Source)
+    KELO_RECORD(setSourceParam, Source)
+    KELO_RECORD(setSourceState, Source)
+    KELO_RECORD(createEmitter, Emitter)
+    KELO_RECORD(destroyEmitter, Emitter)
+    KELO_RECORD(setEmitterTransform, Emitter)
+    KELO_RECORD(setEmitterHull, Emitter)
+    KELO_RECORD(setEmitterParam, Emitter)
+    KELO_RECORD(setEmitterConnection, Emitter)
+    KELO_RECORD(setEmitterState, Emitter)
+#undef KELO_RECORD
 
-    std::vector<std::string> calls;
+    std::string calls;
     int updates = 0;
-    // Set by the destructor, so a test can see that a backend was deleted.
-    bool* deleted = nullptr;
-
+    bool* deleted = nullptr;         // set by the destructor
     static Kelo::BackendType _type;  // registered as "record"
 
 private:
     void record(const std::string& call);
-    std::vector<std::string>* _journal;
+    void record(const char* op, int id) {
+        record(op + ("(" + std::to_string(id) + ")"));
+    }
+    std::string* _journal;
     std::string _tag;
 };
 
 // Captures log messages for its lifetime, at the given threshold.
-class LogCapture {
-public:
+struct LogCapture {
     explicit LogCapture(int level = osg::LOG_NOTICE);
     ~LogCapture();
+    // The texts in order, all or at one level, listed or joined.
+    std::vector<std::string> texts(int level = -1) const;
+    std::string text(int level = -1) const;
 
     std::vector<osg::LogMessage> messages;
-    // The texts only, in order.
-    std::vector<std::string> texts() const;
-    // Texts at one level.
-    std::vector<std::string> texts(int level) const;
-
-private:
-    int _oldLevel;
-    osg::Log::Sink _oldSink;
+    int oldLevel;
+    osg::Log::Sink oldSink;
 };
+
+// What f writes on standard error.
+template <typename F>
+std::string stderrOf(F&& f) {
+    ::testing::internal::CaptureStderr();
+    f();
+    return ::testing::internal::GetCapturedStderr();
+}
+
+// The message of the E that f throws.
+template <typename E = std::exception, typename F>
+std::string errorOf(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "(no exception)";
+}
+
+// Sets PCM samples, swallowing the "Source::setData call" trace.
+void setPcm(Kelo::Source& source, const std::vector<unsigned char>& bytes, unsigned rate = 44100,
+            unsigned bits = 16, unsigned channels = 1);
+
+// A 16-bit sine, one interleaved channel per amplitude.
+std::vector<unsigned char> tone(double hz, double seconds, int rate = 44100,
+                                std::vector<double> amplitudes = {10000});
+
+std::string readFile(const std::string& path);
+
+// A file name in the temporary directory unique to this process.
+std::string scratch(const std::string& name);
 
 }  // namespace KeloTest

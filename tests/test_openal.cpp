@@ -4,295 +4,117 @@
 #include <AL/al.h>
 #include <AL/alc.h>
 #include <sndfile.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
-#include <limits>
 #include <thread>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <Kelo/Emitter.h>
 #include <Kelo/OALBackend.h>
-#include <Kelo/Source.h>
-#include <Kelo/World.h>
 
 #include "LoopbackServer.h"
 #include "support.h"
 
+using namespace KeloTest;
 using Kelo::WorldPart;
-using KeloTest::LogCapture;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-namespace {
 
 // OpenAL Soft reads its configuration once per process, at the first ALC call: every test of
 // this process renders through the wave driver into the same file, one render at a time.
-std::string scratch(const std::string& name) {
-    return ::testing::TempDir() + "kelo-openal-" + std::to_string(getpid()) + "-" + name;
-}
-
 void useConfig(const std::string& text) {
-    static const std::string path = scratch("alsoft.conf");
-    std::ofstream(path) << text;
-    setenv("ALSOFT_CONF", path.c_str(), 1);
+    std::ofstream(scratch("alsoft.conf")) << text;
+    setenv("ALSOFT_CONF", scratch("alsoft.conf").c_str(), 1);
 }
 
 const std::string& waveFile() {
-    static const std::string path = [] {
-        const std::string wav = scratch("out.wav");
-        useConfig(
-            "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
-            "frequency=44100\n[wave]\nfile=" +
-            wav + "\n");
-        return wav;
-    }();
+    static const std::string path = scratch("out.wav");
+    useConfig(
+        "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\nfrequency=44100\n"
+        "[wave]\nfile=" +
+        path + "\n");
     return path;
 }
-
-// 16-bit mono sine.
-std::vector<unsigned char> tone(double hz, double seconds, double amplitude = 10000,
-                                int rate = 44100) {
-    std::vector<unsigned char> bytes;
-    const int n = static_cast<int>(seconds * rate);
-    for (int i = 0; i < n; ++i) {
-        const auto s = static_cast<uint16_t>(
-            static_cast<int16_t>(std::lround(amplitude * std::sin(2 * M_PI * hz * i / rate))));
-        bytes.push_back(static_cast<unsigned char>(s & 0xff));
-        bytes.push_back(static_cast<unsigned char>(s >> 8));
-    }
-    return bytes;
-}
-
-void setPcm(Kelo::Source& source, const std::vector<unsigned char>& bytes, unsigned rate = 44100,
-            unsigned bits = 16, unsigned channels = 1) {
-    ::testing::internal::CaptureStderr();  // the "Source::setData call" trace
-    source.setData(rate, bits, channels, bytes.data(), static_cast<unsigned>(bytes.size()));
-    ::testing::internal::GetCapturedStderr();
-}
-
-// A rendered stereo file.
-struct Wav {
-    int rate = 0;
-    std::vector<float> left, right;
-
-    // RMS level in dB relative to full scale over [from, to) seconds.
-    double level(const std::vector<float>& ch, double from, double to) const {
-        const size_t a = static_cast<size_t>(from * rate), b = static_cast<size_t>(to * rate);
-        EXPECT_LE(b, ch.size()) << "window past the end of the render";
-        double sum = 1e-20;
-        for (size_t i = a; i < b && i < ch.size(); ++i)
-            sum += ch[i] * ch[i];
-        return 10 * std::log10(sum / static_cast<double>(b - a));
-    }
-    double left_dB(double from, double to) const { return level(left, from, to); }
-    double right_dB(double from, double to) const { return level(right, from, to); }
-
-    // Frequency from the rising zero crossings of the left channel.
-    double frequency(double from, double to) const {
-        const size_t a = static_cast<size_t>(from * rate), b = static_cast<size_t>(to * rate);
-        size_t first = 0, last = 0, count = 0;
-        for (size_t i = a + 1; i < b && i < left.size(); ++i) {
-            if (left[i - 1] < 0 && left[i] >= 0) {
-                if (count == 0)
-                    first = i;
-                last = i;
-                ++count;
-            }
-        }
-        return count < 2 ? 0 : (count - 1) * static_cast<double>(rate) / (last - first);
-    }
-};
-
-Wav readWav(const std::string& path) {
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    Wav wav;
-    if (!file) {
-        ADD_FAILURE() << "cannot read " << path << ": " << sf_strerror(nullptr);
-        return wav;
-    }
-    EXPECT_EQ(info.channels, 2);
-    std::vector<float> frames(static_cast<size_t>(info.frames * info.channels));
-    sf_readf_float(file, frames.data(), info.frames);
-    sf_close(file);
-    wav.rate = info.samplerate;
-    for (size_t i = 0; i + 1 < frames.size(); i += 2) {
-        wav.left.push_back(frames[i]);
-        wav.right.push_back(frames[i + 1]);
-    }
-    return wav;
-}
-
-// One real-time render: the device opens with the backend, and the file is complete once the
-// backend has closed it.
-struct Render {
-    Render() {
-        waveFile();
-        backend = static_cast<Kelo::OALBackend*>(world.addBackend("openal", ""));
-        start = std::chrono::steady_clock::now();
-    }
-    ~Render() {
-        world.clearWorld();
-        world.deleteAllBackends();
-    }
-    // Waits until the given time since the device opened.
-    void at(double seconds) const {
-        std::this_thread::sleep_until(start + std::chrono::duration<double>(seconds));
-    }
-    Wav finish() {
-        world.clearWorld();
-        world.deleteAllBackends();
-        return readWav(waveFile());
-    }
-    Kelo::World world;
-    Kelo::OALBackend* backend;
-    std::chrono::steady_clock::time_point start;
-};
-
-constexpr double kSilent = -80;  // dB: nothing audible
-constexpr double kApart = 40;    // dB: one channel against the other when panned fully
 
 // The part of a phase [from, to) of wall-clock time that is safe to measure: the mixer writes a
 // few tens of milliseconds ahead of the clock, and changes take a period to be heard.
 struct Phase {
+    Phase(double from, double to) : from(from + 0.05), to(to - 0.06) {}
     double from, to;
 };
-Phase phase(double from, double to) {
-    return {from + 0.05, to - 0.06};
-}
-double leftOf(const Wav& w, Phase p) {
-    return w.left_dB(p.from, p.to);
-}
-double rightOf(const Wav& w, Phase p) {
-    return w.right_dB(p.from, p.to);
-}
 
-TEST(OpenALRender, PlacesSoundsInSpaceAndFollowsTheListener) {
-    Render r;
-    ASSERT_NE(r.backend->context(), nullptr);
-    Kelo::Source* s = r.world.createSource();
-    setPcm(*s, tone(441, 1.0));
-    s->setParam(true, 1);
-    Kelo::Emitter* e = r.world.createEmitter();
-    const osg::Vec3f left(-2, 0, 0), right(2, 0, 0), front(0, 0, -2), front2(0, 0, -2.1f);
-    e->setHull(10, 10, 1, 1);
-    e->setTransform(&left, nullptr);
-    e->setSource(s);
-    e->setState(WorldPart::PLAY);
-    r.at(0.3);
-    e->setTransform(&right, nullptr);
-    r.at(0.6);
-    // A quarter turn about +Y faces the listener to -x: what was in front is now on the right.
-    e->setTransform(&front, nullptr);
-    r.world.setListenerTransform(osg::Vec3f(),
-                                 osg::Quaternion(0, std::sin(M_PI / 4), 0, std::cos(M_PI / 4)));
-    r.at(0.9);
-    // The world's switch off puts the sound on the listener, equally in both ears.
-    r.world.setSpatialize(false);
-    e->setTransform(&front2, nullptr);
-    r.at(1.2);
-    const Wav w = r.finish();
+// A rendered stereo file: interleaved frames.
+struct Wav {
+    int rate;
+    std::vector<float> frames;
 
-    const Phase onLeft = phase(0, 0.3), onRight = phase(0.3, 0.6), turned = phase(0.6, 0.9),
-                flat = phase(0.9, 1.2);
-    EXPECT_GT(leftOf(w, onLeft), -30);
-    EXPECT_GT(leftOf(w, onLeft) - rightOf(w, onLeft), kApart);
-    EXPECT_GT(rightOf(w, onRight) - leftOf(w, onRight), kApart);
-    EXPECT_GT(rightOf(w, turned) - leftOf(w, turned), kApart);
-    EXPECT_NEAR(leftOf(w, flat), rightOf(w, flat), 0.1);
-    EXPECT_GT(leftOf(w, flat), -30);
-    EXPECT_NEAR(w.frequency(onLeft.from, onLeft.to), 441, 3);
-}
-
-TEST(OpenALRender, GainSwitchesAndTransport) {
-    Render r;
-    Kelo::Source* s = r.world.createSource();
-    setPcm(*s, tone(441, 1.0));
-    s->setParam(true, 1);
-    Kelo::Source* other = r.world.createSource();
-    setPcm(*other, tone(441, 1.0));
-    Kelo::Emitter* e = r.world.createEmitter();
-    e->setParam(false, 0, 1);  // on the listener
-    e->setTransform(nullptr, nullptr);
-    e->setSource(s);
-    e->setState(WorldPart::PLAY);
-    r.at(0.2);
-    e->setParam(false, 0, 0.5f);
-    r.at(0.4);
-    r.world.setEnabled(false);
-    r.at(0.6);
-    // A listener move restores full gain even in a disabled world. (Only a turn: OpenAL Soft
-    // shifts the level of listener-relative sources a little when the listener changes place.)
-    r.world.setListenerTransform(osg::Vec3f(),
-                                 osg::Quaternion(0, std::sin(M_PI / 4), 0, std::cos(M_PI / 4)));
-    r.at(0.8);
-    e->setState(WorldPart::PAUSE);
-    r.at(1.0);
-    e->setState(WorldPart::PLAY);
-    r.at(1.2);
-    e->setSource(other);                     // reconnecting stops the OpenAL source
-    EXPECT_EQ(e->state(), WorldPart::PLAY);  // though the world still says play
-    r.at(1.4);
-    const Wav w = r.finish();
-
-    const Phase start = phase(0, 0.2);
-    const double full = leftOf(w, start);
-    EXPECT_GT(full, -30);
-    EXPECT_NEAR(full, rightOf(w, start), 0.1);
-    EXPECT_NEAR(leftOf(w, phase(0.2, 0.4)) - full, -6.02, 0.5);  // gain 0.5
-    EXPECT_LT(leftOf(w, phase(0.4, 0.6)), kSilent);              // world disabled
-    EXPECT_NEAR(leftOf(w, phase(0.6, 0.8)) - full, -6.02, 0.5);  // listener moved
-    EXPECT_LT(leftOf(w, phase(0.8, 1.0)), kSilent);              // paused
-    EXPECT_NEAR(leftOf(w, phase(1.0, 1.2)) - full, -6.02, 0.5);  // playing again
-    EXPECT_LT(leftOf(w, phase(1.2, 1.4)), kSilent);              // reconnected
-}
-
-TEST(OpenALRender, LoopKeepsSoundingAndPitchScalesTheFrequency) {
-    Render r;
-    Kelo::Source* s = r.world.createSource();
-    setPcm(*s, tone(440, 0.1));  // a whole number of cycles, so the loop is seamless
-    Kelo::Emitter* e = r.world.createEmitter();
-    e->setParam(false, 0, 1);
-    e->setTransform(nullptr, nullptr);
-    e->setSource(s);
-    e->setState(WorldPart::PLAY);  // 0.1 s, once
-    r.at(0.3);
-    s->setParam(true, 1);
-    e->setState(WorldPart::STOP);
-    e->setState(WorldPart::PLAY);
-    r.at(0.6);
-    s->setParam(true, 2);
-    r.at(0.9);
-    e->setState(WorldPart::STOP);
-    r.at(1.1);
-    const Wav w = r.finish();
-
-    const Phase once = phase(0.1, 0.3), looping = phase(0.3, 0.6), doubled = phase(0.6, 0.9);
-    EXPECT_LT(leftOf(w, once), kSilent);  // past the buffer's end
-    EXPECT_GT(leftOf(w, looping), -30);   // past it again, looping
-    EXPECT_NEAR(w.frequency(looping.from, looping.to), 440, 3);
-    EXPECT_NEAR(w.frequency(doubled.from, doubled.to), 880, 6);
-    EXPECT_LT(leftOf(w, phase(0.9, 1.1)), kSilent);  // stopped
-}
-
-// The OpenAL state behind each mapping, read back from the live context.
-struct OpenALState : ::testing::Test {
-    OpenALState() {
-        waveFile();
-        backend = static_cast<Kelo::OALBackend*>(world.addBackend("default", ""));
+    // RMS level of a channel in dB relative to full scale.
+    double dB(size_t channel, Phase p) const {
+        const size_t a = static_cast<size_t>(p.from * rate), b = static_cast<size_t>(p.to * rate);
+        EXPECT_LE(2 * b, frames.size()) << "window past the end of the render";
+        double sum = 1e-20;
+        for (size_t i = 2 * a + channel; i < 2 * b && i < frames.size(); i += 2)
+            sum += frames[i] * frames[i];
+        return 10 * std::log10(sum / static_cast<double>(b - a));
     }
-    ~OpenALState() override {
+    double left(Phase p) const { return dB(0, p); }
+    double right(Phase p) const { return dB(1, p); }
+
+    // Frequency from the rising zero crossings of the left channel.
+    double frequency(Phase p) const {
+        const size_t a = static_cast<size_t>(p.from * rate), b = static_cast<size_t>(p.to * rate);
+        size_t first = 0, last = 0, count = 0;
+        for (size_t i = 2 * a + 2; i < 2 * b && i < frames.size(); i += 2)
+            if (frames[i - 2] < 0 && frames[i] >= 0) {
+                first = count++ ? first : i / 2;
+                last = i / 2;
+            }
+        return count < 2 ? 0 : (count - 1) * static_cast<double>(rate) / (last - first);
+    }
+};
+
+constexpr double kSilent = -80;  // dB: nothing audible
+constexpr double kApart = 40;    // dB: one channel against the other when panned fully
+const osg::Quaternion kQuarterTurn(0, std::sin(M_PI / 4), 0, std::cos(M_PI / 4));  // about +Y
+
+// Adds the audio backend to a world; the first call sets up the wave driver.
+Kelo::OALBackend* addOpenAL(Kelo::World& world, const char* type, const char* params = "") {
+    waveFile();
+    return static_cast<Kelo::OALBackend*>(world.addBackend(type, params));
+}
+
+// A world with the audio backend, found as "default", on a device that opened with it.
+struct OpenAL : ::testing::Test {
+    // Waits until the given time since the device opened.
+    void at(double seconds) const {
+        std::this_thread::sleep_until(start + std::chrono::duration<double>(seconds));
+    }
+    // The render is complete once the backend has closed the device.
+    Wav finish() {
         world.clearWorld();
         world.deleteAllBackends();
+        SF_INFO info{};
+        SNDFILE* file = sf_open(waveFile().c_str(), SFM_READ, &info);
+        EXPECT_TRUE(file && info.channels == 2) << sf_strerror(nullptr);
+        Wav wav{info.samplerate, std::vector<float>(static_cast<size_t>(2 * info.frames))};
+        if (file)
+            sf_readf_float(file, wav.frames.data(), info.frames);
+        sf_close(file);
+        return wav;
+    }
+    // A sound of PCM samples, and an emitter playing it.
+    Kelo::Source* sound(const std::vector<unsigned char>& pcm, bool loop, unsigned rate = 44100,
+                        unsigned bits = 16, unsigned channels = 1) {
+        Kelo::Source* s = world.createSource();
+        setPcm(*s, pcm, rate, bits, channels);
+        s->setParam(loop, 1);
+        return s;
+    }
+    Kelo::Emitter* play(Kelo::Source* s, bool spatial) {
+        Kelo::Emitter* e = world.createEmitter();
+        e->setParam(spatial, 0, 1);
+        e->setSource(s);
+        e->setState(WorldPart::PLAY);
+        return e;
     }
     ALuint sourceOf(const Kelo::Emitter* e) const { return backend->sources().at(e->id()); }
     float get(const Kelo::Emitter* e, ALenum param) const {
@@ -305,36 +127,116 @@ struct OpenALState : ::testing::Test {
         alGetSourcei(sourceOf(e), param, &value);
         return value;
     }
-    std::vector<float> listener(ALenum param, int n) const {
-        std::vector<float> v(6, NAN);
-        alGetListenerfv(param, v.data());
-        v.resize(static_cast<size_t>(n));
-        return v;
+    // Checks values of a source (e) or listener (null) vector within 1e-6.
+    void expectNear(const Kelo::Emitter* e, ALenum param, const std::vector<float>& want) const {
+        std::vector<float> got(6, NAN);
+        e ? alGetSourcefv(sourceOf(e), param, got.data()) : alGetListenerfv(param, got.data());
+        for (size_t i = 0; i < want.size(); ++i)
+            EXPECT_NEAR(got[i], want[i], 1e-6f) << "at " << i;
     }
-    Kelo::World world;
-    Kelo::OALBackend* backend;
+    Scene world;
+    Kelo::OALBackend* backend = addOpenAL(world, "default");
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
-void expectNear(const std::vector<float>& got, const std::vector<float>& want) {
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i)
-        EXPECT_NEAR(got[i], want[i], 1e-6f) << "at " << i;
+TEST_F(OpenAL, RenderPlacesSoundsInSpaceAndFollowsTheListener) {
+    ASSERT_NE(backend->context(), nullptr);
+    Kelo::Emitter* e = play(sound(tone(441, 1.0), true), true);
+    const osg::Vec3f left(-2, 0, 0), right(2, 0, 0), front(0, 0, -2), front2(0, 0, -2.1f);
+    e->setHull(10, 10, 1, 1);
+    e->setTransform(&left, nullptr);
+    at(0.3);
+    e->setTransform(&right, nullptr);
+    at(0.6);
+    // A quarter turn faces the listener to -x: what was in front is now on the right.
+    e->setTransform(&front, nullptr);
+    world.setListenerTransform(osg::Vec3f(), kQuarterTurn);
+    at(0.9);
+    // The world's switch off puts the sound on the listener, equally in both ears.
+    world.setSpatialize(false);
+    e->setTransform(&front2, nullptr);
+    at(1.2);
+    const Wav w = finish();
+
+    const Phase onLeft(0, 0.3), onRight(0.3, 0.6), turned(0.6, 0.9), flat(0.9, 1.2);
+    EXPECT_GT(w.left(onLeft), -30);
+    EXPECT_GT(w.left(onLeft) - w.right(onLeft), kApart);
+    EXPECT_GT(w.right(onRight) - w.left(onRight), kApart);
+    EXPECT_GT(w.right(turned) - w.left(turned), kApart);
+    EXPECT_NEAR(w.left(flat), w.right(flat), 0.1);
+    EXPECT_GT(w.left(flat), -30);
+    EXPECT_NEAR(w.frequency(onLeft), 441, 3);
 }
 
-TEST_F(OpenALState, HullMapsToDistanceAttenuation) {
+TEST_F(OpenAL, RenderGainSwitchesAndTransport) {
+    Kelo::Source* other = sound(tone(441, 1.0), false);
+    Kelo::Emitter* e = play(sound(tone(441, 1.0), true), false);  // on the listener
+    at(0.2);
+    e->setParam(false, 0, 0.5f);
+    at(0.4);
+    world.setEnabled(false);
+    at(0.6);
+    // A listener move restores full gain even in a disabled world. (Only a turn: OpenAL Soft
+    // shifts the level of listener-relative sources a little when the listener changes place.)
+    world.setListenerTransform(osg::Vec3f(), kQuarterTurn);
+    at(0.8);
+    e->setState(WorldPart::PAUSE);
+    at(1.0);
+    e->setState(WorldPart::PLAY);
+    at(1.2);
+    e->setSource(other);                     // reconnecting stops the OpenAL source
+    EXPECT_EQ(e->state(), WorldPart::PLAY);  // though the world still says play
+    at(1.4);
+    const Wav w = finish();
+
+    const double full = w.left({0, 0.2});
+    EXPECT_GT(full, -30);
+    EXPECT_NEAR(full, w.right({0, 0.2}), 0.1);
+    EXPECT_NEAR(w.left({0.2, 0.4}) - full, -6.02, 0.5);  // gain 0.5
+    EXPECT_LT(w.left({0.4, 0.6}), kSilent);              // world disabled
+    EXPECT_NEAR(w.left({0.6, 0.8}) - full, -6.02, 0.5);  // listener moved
+    EXPECT_LT(w.left({0.8, 1.0}), kSilent);              // paused
+    EXPECT_NEAR(w.left({1.0, 1.2}) - full, -6.02, 0.5);  // playing again
+    EXPECT_LT(w.left({1.2, 1.4}), kSilent);              // reconnected
+}
+
+TEST_F(OpenAL, RenderLoopKeepsSoundingAndPitchScalesTheFrequency) {
+    // A whole number of cycles, so the loop is seamless; 0.1 s, once.
+    Kelo::Source* s = sound(tone(440, 0.1), false);
+    Kelo::Emitter* e = play(s, false);
+    at(0.3);
+    s->setParam(true, 1);
+    e->setState(WorldPart::STOP);
+    e->setState(WorldPart::PLAY);
+    at(0.6);
+    s->setParam(true, 2);
+    at(0.9);
+    e->setState(WorldPart::STOP);
+    at(1.1);
+    const Wav w = finish();
+
+    EXPECT_LT(w.left({0.1, 0.3}), kSilent);  // past the buffer's end
+    EXPECT_GT(w.left({0.3, 0.6}), -30);      // past it again, looping
+    EXPECT_NEAR(w.frequency({0.3, 0.6}), 440, 3);
+    EXPECT_NEAR(w.frequency({0.6, 0.9}), 880, 6);
+    EXPECT_LT(w.left({0.9, 1.1}), kSilent);  // stopped
+}
+
+TEST_F(OpenAL, HullMapsToDistanceAttenuation) {
     ASSERT_EQ(backend->type()->name(), "openal");  // "default" found it
     Kelo::Emitter* e = world.createEmitter();
-    e->setHull(10, 30, 1, 3);
-    EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), 2.0f);
-    EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), 20.0f);
-    EXPECT_FLOAT_EQ(get(e, AL_ROLLOFF_FACTOR), 1.0f);
+    // maxBack, maxFront, minBack, minFront -> reference distance, max distance, rolloff
+    const std::pair<std::array<float, 4>, std::array<float, 3>> cases[] = {
+        {{10, 30, 1, 3}, {2, 20, 1}},
+        {{0, 0, 0, 0}, {0.001f * 0.999f, 0.001f, 1}},
+        {{5, 5, 5, 5}, {5 * 0.999f, 5, 1}}};
+    for (const auto& [hull, al] : cases) {
+        e->setHull(hull[0], hull[1], hull[2], hull[3]);
+        EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), al[0]) << hull[0];
+        EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), al[1]) << hull[0];
+        EXPECT_FLOAT_EQ(get(e, AL_ROLLOFF_FACTOR), al[2]) << hull[0];
+    }
     EXPECT_FLOAT_EQ(get(e, AL_CONE_INNER_ANGLE), 360.0f);
-    e->setHull(0, 0, 0, 0);
-    EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), 0.001f * 0.999f);
-    EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), 0.001f);
-    e->setHull(5, 5, 5, 5);
-    EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), 5 * 0.999f);
-    EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), 5.0f);
     // Not spatial: the fixed listener-bound values.
     world.setSpatialize(false);
     e->setHull(10, 30, 1, 3);
@@ -343,32 +245,28 @@ TEST_F(OpenALState, HullMapsToDistanceAttenuation) {
     EXPECT_FLOAT_EQ(get(e, AL_ROLLOFF_FACTOR), 0.0f);
 }
 
-TEST_F(OpenALState, PositionRelativeFlagListenerAndBuffers) {
+TEST_F(OpenAL, PositionRelativeFlagListenerAndBuffers) {
     Kelo::Emitter* e = world.createEmitter();
-    const osg::Vec3f p(1, 2, 3);
+    const osg::Vec3f p(1, 2, 3), q(1, 2, 4);
     e->setTransform(&p, nullptr);
-    std::vector<float> pos(3);
-    alGetSourcefv(sourceOf(e), AL_POSITION, pos.data());
-    expectNear(pos, {1, 2, 3});
+    expectNear(e, AL_POSITION, {1, 2, 3});
     EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_FALSE);
     e->setParam(false, 0, 0.25f);
     EXPECT_FLOAT_EQ(get(e, AL_GAIN), 0.25f);
     // A changed spatial flag takes effect at the next transform.
-    const osg::Vec3f q(1, 2, 4);
     e->setTransform(&q, nullptr);
-    alGetSourcefv(sourceOf(e), AL_POSITION, pos.data());
-    expectNear(pos, {0, 0, 0});
+    expectNear(e, AL_POSITION, {0, 0, 0});
     EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_TRUE);
 
-    expectNear(listener(AL_ORIENTATION, 6), {0, 0, -1, 0, 1, 0});
+    expectNear(nullptr, AL_ORIENTATION, {0, 0, -1, 0, 1, 0});
     const float h = std::sin(static_cast<float>(M_PI) / 4);
     world.setListenerTransform(osg::Vec3f(4, 5, 6), osg::Quaternion(0, h, 0, h));
-    expectNear(listener(AL_ORIENTATION, 6), {-1, 0, 0, 0, 1, 0});
-    expectNear(listener(AL_POSITION, 3), {4, 5, 6});
+    expectNear(nullptr, AL_ORIENTATION, {-1, 0, 0, 0, 1, 0});
+    expectNear(nullptr, AL_POSITION, {4, 5, 6});
     world.setEnabled(false);
-    expectNear(listener(AL_GAIN, 1), {0});
+    expectNear(nullptr, AL_GAIN, {0});
     world.setListenerTransform(osg::Vec3f(4, 5, 7), world.listenerRotation());
-    expectNear(listener(AL_GAIN, 1), {1});
+    expectNear(nullptr, AL_GAIN, {1});
 
     Kelo::Source* s = world.createSource();
     s->setParam(true, 1.5f);
@@ -383,9 +281,9 @@ TEST_F(OpenALState, PositionRelativeFlagListenerAndBuffers) {
     EXPECT_EQ(geti(e, AL_BUFFER), 0);
 }
 
-TEST_F(OpenALState, LabelsDecideWhichEmittersGetASource) {
-    Kelo::World labelled;
-    auto* b = static_cast<Kelo::OALBackend*>(labelled.addBackend("openal", "labels=front"));
+TEST_F(OpenAL, LabelsDecideWhichEmittersGetASource) {
+    Scene labelled;
+    Kelo::OALBackend* b = addOpenAL(labelled, "openal", "labels=front");
     Kelo::Emitter* side = labelled.createEmitter({"side"});
     Kelo::Emitter* front = labelled.createEmitter({"front", "side"});
     Kelo::Emitter* any = labelled.createEmitter();
@@ -396,26 +294,13 @@ TEST_F(OpenALState, LabelsDecideWhichEmittersGetASource) {
     side->setHull(1, 1, 1, 1);
     side->setState(WorldPart::PLAY);
     EXPECT_THAT(log.messages, IsEmpty());
-    labelled.clearWorld();
-    labelled.deleteAllBackends();
 }
 
-TEST_F(OpenALState, DurationsOfPcmData) {
-    Kelo::Source* stereo = world.createSource();
-    setPcm(*stereo, std::vector<unsigned char>(176400), 44100, 16, 2);
-    EXPECT_FLOAT_EQ(stereo->duration(), 1.0f);
-    Kelo::Source* mono = world.createSource();
-    setPcm(*mono, std::vector<unsigned char>(4000), 8000, 8, 1);
-    EXPECT_FLOAT_EQ(mono->duration(), 0.5f);
-}
-
-TEST_F(OpenALState, DurationsOfWavFilesByFileAndHttp) {
-    Kelo::World maker;
-    Kelo::Source* pcm = maker.createSource();
-    setPcm(*pcm, tone(441, 0.5, 10000, 22050), 22050);
+TEST_F(OpenAL, DurationsOfPcmAndOfWavFilesByFileAndHttp) {
+    EXPECT_FLOAT_EQ(sound(std::vector<unsigned char>(176400), false, 44100, 16, 2)->duration(), 1);
+    EXPECT_FLOAT_EQ(sound(std::vector<unsigned char>(4000), false, 8000, 8, 1)->duration(), 0.5);
     const std::string path = scratch("tone.wav");
-    pcm->dumpWavFile(path);
-    maker.clearWorld();
+    sound(tone(441, 0.5, 22050), false, 22050)->dumpWavFile(path);
 
     LogCapture log;
     Kelo::Source* byFile = world.createSource();
@@ -424,10 +309,9 @@ TEST_F(OpenALState, DurationsOfWavFilesByFileAndHttp) {
     EXPECT_THAT(log.texts(osg::LOG_NOTICE),
                 Contains("Set alBufferData from URL data: 4353, 22050, 22050\n"));
 
-    std::ifstream in(path, std::ios::binary);
-    const std::string body{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    KeloTest::LoopbackServer server(
-        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    const std::string body = readFile(path);
+    LoopbackServer server("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) +
+                          "\r\n\r\n" + body);
     Kelo::Source* byHttp = world.createSource();
     byHttp->setDataFromURL(server.url("/tone.wav"));
     EXPECT_FLOAT_EQ(byHttp->duration(), 0.5f);
@@ -435,40 +319,31 @@ TEST_F(OpenALState, DurationsOfWavFilesByFileAndHttp) {
     std::remove(path.c_str());
 }
 
-TEST(OpenALErrors, DecodingTable) {
-    EXPECT_EQ(Kelo::OALBackend::errorText(AL_INVALID_NAME),
-              "Invalid Name parameter passed to AL call");
-    EXPECT_EQ(Kelo::OALBackend::errorText(AL_INVALID_ENUM), "Invalid parameter passed to AL call");
-    EXPECT_EQ(Kelo::OALBackend::errorText(AL_INVALID_VALUE), "Invalid enum parameter value");
-    EXPECT_EQ(Kelo::OALBackend::errorText(AL_INVALID_OPERATION), "Illegal call");
-    EXPECT_EQ(Kelo::OALBackend::errorText(AL_OUT_OF_MEMORY), "Out of memory");
-    EXPECT_EQ(Kelo::OALBackend::errorText(0xA010), "0xa010");
-}
+TEST_F(OpenAL, ErrorsAreDecodedReportedTwiceAndCleared) {
+    const std::pair<ALenum, const char*> table[] = {
+        {AL_INVALID_NAME, "Invalid Name parameter passed to AL call"},
+        {AL_INVALID_ENUM, "Invalid parameter passed to AL call"},
+        {AL_INVALID_VALUE, "Invalid enum parameter value"},
+        {AL_INVALID_OPERATION, "Illegal call"},
+        {AL_OUT_OF_MEMORY, "Out of memory"},
+        {0xA010, "0xa010"}};
+    for (const auto& [code, text] : table)
+        EXPECT_EQ(Kelo::OALBackend::errorText(code), text);
 
-TEST_F(OpenALState, RealErrorsAreReportedTwiceAndCleared) {
     LogCapture log;
     EXPECT_FALSE(backend->checkALError("unused\n"));
     alSourcef(0xDEAD, AL_GAIN, 1);  // no such source
     EXPECT_TRUE(backend->checkALError("Something failed\n"));
-    EXPECT_THAT(
-        log.texts(osg::LOG_FATAL),
-        ElementsAre("Something failed\n",
-                    "OpenAL state machine error: Invalid Name parameter passed to AL call\n"));
-    log.messages.clear();
     alSourcef(0xDEAD, AL_GAIN, 1);
     EXPECT_TRUE(backend->checkALError(nullptr));
-    EXPECT_THAT(log.texts(), ElementsAre("OpenAL state machine error: Invalid Name parameter "
-                                         "passed to AL call\n"));
+    const std::string decoded =
+        "OpenAL state machine error: Invalid Name parameter passed to AL call\n";
+    EXPECT_THAT(log.texts(osg::LOG_FATAL), ElementsAre("Something failed\n", decoded, decoded));
     EXPECT_EQ(alGetError(), AL_NO_ERROR);
 }
 
-TEST_F(OpenALState, BadPcmAndBadValuesGiveMessagesAndLeaveNoErrorPending) {
-    Kelo::Emitter* playing = world.createEmitter();
-    Kelo::Source* good = world.createSource();
-    setPcm(*good, tone(441, 0.5));
-    good->setParam(true, 1);
-    playing->setSource(good);
-    playing->setState(WorldPart::PLAY);
+TEST_F(OpenAL, BadPcmAndBadValuesGiveMessagesAndLeaveNoErrorPending) {
+    Kelo::Emitter* playing = play(sound(tone(441, 0.5), true), true);
 
     LogCapture log;
     Kelo::Source* s = world.createSource();
@@ -502,40 +377,34 @@ TEST_F(OpenALState, BadPcmAndBadValuesGiveMessagesAndLeaveNoErrorPending) {
                     decoded, "Cannot set listener transformation\n", decoded,
                     "OALBackend::setEmitterState(): Bad Kelo::Emitter::state 7 \n"));
     EXPECT_EQ(alGetError(), AL_NO_ERROR);
-    ALint state = 0;
-    alGetSourcei(sourceOf(playing), AL_SOURCE_STATE, &state);
-    EXPECT_EQ(state, AL_PLAYING);  // the rest of the scene goes on
+    EXPECT_EQ(geti(playing, AL_SOURCE_STATE), AL_PLAYING);  // the rest of the scene goes on
 }
 
-TEST_F(OpenALState, UrlFailuresAreReportedAndSwallowed) {
-    Kelo::Source* s = world.createSource();
+TEST_F(OpenAL, UrlFailuresAreReportedAndSwallowed) {
+    const std::string missing = scratch("missing.wav"), text = scratch("not-a-wav.wav"),
+                      wav24 = scratch("24bit.wav");
     LogCapture log;
-    const std::string missing = scratch("missing.wav");
+    sound(std::vector<unsigned char>(600), false, 8000, 24, 1)->dumpWavFile(wav24);
+    std::ofstream(text) << "this is not a sound";
+    Kelo::Source* s = world.createSource();
+    log.messages.clear();
     s->setDataFromURL(missing);
     EXPECT_THAT(log.texts(),
                 ElementsAre("loading: >file://" + missing + "<\n",
                             "OALBackend: Cannot download file \"file://" + missing + "\"\n"));
 
     log.messages.clear();
-    KeloTest::LoopbackServer server("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    LoopbackServer server("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
     s->setDataFromURL(server.url("/gone.wav"));
-    EXPECT_EQ(log.texts(osg::LOG_FATAL).at(0),
-              "OALBackend: Cannot download file \"" + server.url("/gone.wav") + "\"\n");
+    EXPECT_THAT(log.texts(osg::LOG_FATAL), ElementsAre("OALBackend: Cannot download file \"" +
+                                                       server.url("/gone.wav") + "\"\n"));
 
     log.messages.clear();
-    const std::string text = scratch("not-a-wav.wav");
-    std::ofstream(text) << "this is not a sound";
     s->setDataFromURL(text);
     EXPECT_THAT(log.texts(osg::LOG_FATAL),
                 ElementsAre("wav file load error\n", ::testing::StartsWith("ALUT error: ")));
 
     log.messages.clear();
-    Kelo::World maker;
-    Kelo::Source* wide = maker.createSource();
-    setPcm(*wide, std::vector<unsigned char>(600), 8000, 24, 1);
-    const std::string wav24 = scratch("24bit.wav");
-    wide->dumpWavFile(wav24);
-    maker.clearWorld();
     s->setDataFromURL(wav24);
     EXPECT_THAT(log.texts(osg::LOG_FATAL), Contains("wav file load error\n"));
     EXPECT_FLOAT_EQ(s->duration(), 0.0f);
@@ -544,7 +413,7 @@ TEST_F(OpenALState, UrlFailuresAreReportedAndSwallowed) {
     std::remove(wav24.c_str());
 }
 
-TEST_F(OpenALState, PastTheSourceLimitCreationIsRefusedAndTheSceneGoesOn) {
+TEST_F(OpenAL, PastTheSourceLimitCreationIsRefusedAndTheSceneGoesOn) {
     LogCapture log;
     std::vector<Kelo::Emitter*> emitters;
     for (int i = 0; i < 260; ++i)
@@ -567,20 +436,16 @@ TEST(OpenALNoDevice, InertBackendIgnoresEverything) {
         {
             useConfig("[general]\ndrivers=nosuchdriver\n");
             LogCapture log;
-            Kelo::World world;
+            Scene world;
             auto* backend = static_cast<Kelo::OALBackend*>(world.addBackend("openal", ""));
-            Kelo::Emitter* e = world.createEmitter();
-            e->setState(WorldPart::PLAY);
+            world.createEmitter()->setState(WorldPart::PLAY);
             world.setListenerTransform(osg::Vec3f(1, 0, 0), osg::Quaternion());
-            const bool ok = backend && !backend->context() && backend->checkALError("x\n") &&
-                            log.texts(osg::LOG_FATAL) ==
-                                std::vector<std::string>{"Open OpenAL device failed\n"} &&
-                            backend->sources().empty();
-            world.clearWorld();
-            world.deleteAllBackends();
-            std::exit(ok ? 0 : 1);
+            const bool inert = backend && !backend->context() && backend->checkALError("x\n") &&
+                               backend->sources().empty();
+            std::exit(inert && log.texts(osg::LOG_FATAL) ==
+                                   std::vector<std::string>{"Open OpenAL device failed\n"}
+                          ? 0
+                          : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }
-
-}  // namespace
