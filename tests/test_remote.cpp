@@ -273,6 +273,32 @@ TEST(Remote, AServerThatDiesAndReturnsIsCaughtUpAgain) {
     expectMirrored(app.world, *server);
 }
 
+// A server that reads nothing: once the client has more queued for it than allowed, it is
+// dropped without the application ever waiting, and reached again with a fresh catch-up.
+TEST(Remote, AServerThatCannotKeepUpIsDroppedAndCaughtUpAgain) {
+    Lirra::MultiServer stalled;
+    ASSERT_TRUE(stalled.open("127.0.0.1", 0, false));
+    LogCapture log(osg::LOG_WARNING);
+    App app("servers=127.0.0.1:" + std::to_string(stalled.listeningPort()) +
+            " retry=0.05 sendLimit=65536");
+    Kelo::Emitter* e = app.world.createEmitter();
+    ASSERT_TRUE(until([&] { return app.client->servers() == 1; }, [&] { app.world.update(); }));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 1; app.client->servers() == 1 && i < 2'000'000; ++i) {
+        const osg::Vec3f p(static_cast<float>(i), 0, 0);
+        e->setTransform(&p, nullptr);
+        if (i % 1000 == 0)
+            app.world.update();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_THAT(log.texts(), Contains(::testing::HasSubstr("more than 65536 bytes waiting")));
+    ASSERT_TRUE(until([&] { return app.client->servers() == 0; }, [&] { app.world.update(); }));
+    EXPECT_THAT(log.texts(), Contains("ClientBackend: Lost server\n"));
+    // Back on the next attempt: a new connection, caught up from the start (a reset first).
+    ASSERT_TRUE(until([&] { return app.client->servers() == 1; }, [&] { app.world.update(); }));
+    stalled.close();
+}
+
 // Raw sockets that misbehave: each is dropped alone, a proper client goes on.
 TEST(Remote, HostilePeersAreDroppedAndOthersGoOn) {
     SoundServer server;
