@@ -5,12 +5,9 @@
 
 #include <sys/socket.h>
 
-#include <osg/Log.h>
+#include "Lirra/Log.h"
 
 #include "Lirra/Event.h"
-
-#define LIRRA_LOG(level, ...) \
-    ::osg::Log::the().write(level, "Lirra", __FILE__, __LINE__, __func__, __VA_ARGS__)
 
 namespace asio = boost::asio;
 

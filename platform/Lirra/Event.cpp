@@ -4,10 +4,7 @@
 #include <atomic>
 #include <cstring>
 
-#include <osg/Log.h>
-
-#define LIRRA_LOG(level, ...) \
-    ::osg::Log::the().write(level, "Lirra", __FILE__, __LINE__, __func__, __VA_ARGS__)
+#include "Lirra/Log.h"
 
 namespace Lirra {
 

@@ -3,12 +3,9 @@
 #include <future>
 #include <map>
 
-#include <osg/Log.h>
+#include "Lirra/Log.h"
 
 #include "Lirra/Connection.h"
-
-#define LIRRA_LOG(level, ...) \
-    ::osg::Log::the().write(level, "Lirra", __FILE__, __LINE__, __func__, __VA_ARGS__)
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
