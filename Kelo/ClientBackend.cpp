@@ -77,13 +77,14 @@ ClientBackend::ClientBackend(World& world, const char* params) : Backend(world, 
     if (const char* group = param(*this, "group"))
         client.setAddress(Lirra::InetAddress(group));
     if (const char* port = param(*this, "groupPort"))
-        client.setPort(static_cast<unsigned short>(Parmel::Base::string2Value(port, 7627u)));
+        client.setPort(static_cast<unsigned short>(
+            Parmel::Base::string2Value(port, static_cast<unsigned>(client.port()))));
     if (const char* interface = param(*this, "interface"))
         client.setInterface(Lirra::InetAddress(interface));
-    client.setRetryInterval(
-        Parmel::Base::string2Value(param(*this, "retry") ? param(*this, "retry") : "", 3.0));
+    if (const char* retry = param(*this, "retry"))
+        client.setRetryInterval(Parmel::Base::string2Value(retry, client.retryInterval()));
     if (const char* limit = param(*this, "sendLimit"))
-        client.setSendLimit(Parmel::Base::string2Value(limit, 64u << 20));
+        client.setSendLimit(Parmel::Base::string2Value(limit, 64u << 20));  // the default
     client.open();
     if (servers)
         connectNamed(client, servers);
