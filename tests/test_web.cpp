@@ -1,0 +1,525 @@
+// The web backend and its polled HTTP server, through a real HTTP client and a real browser:
+// pages, exact texts, errors and limits, slow and many clients, the live scene view.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include <boost/asio.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+
+#include <Kelo/WebBackend.h>
+#include <Lirra/PolledWebServer.h>
+#include <Tovan/SysInfo.h>
+
+#include "support.h"
+
+extern char** environ;
+
+using namespace KeloTest;
+using namespace std::chrono_literals;
+using Kelo::WorldPart;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+using Reply = http::response<http::string_body>;
+
+namespace {
+
+// An HTTP/1.1 client on 127.0.0.1 that keeps its connection; every operation gives up after a
+// few seconds, so a test never hangs on a server that does not answer.
+class Client {
+public:
+    explicit Client(uint16_t port) {
+        run([&](auto done) {
+            _stream.async_connect({asio::ip::address_v4::loopback(), port}, done);
+        });
+    }
+
+    Reply request(http::verb verb, const std::string& target, const std::string& body = "") {
+        http::request<http::string_body> request{verb, target, 11};
+        request.set(http::field::host, "127.0.0.1");
+        request.body() = body;
+        request.prepare_payload();
+        run([&](auto done) { http::async_write(_stream, request, done); });
+        http::response_parser<http::string_body> parser;
+        parser.skip(verb == http::verb::head);
+        run([&](auto done) { http::async_read(_stream, _buffer, parser, done); });
+        return parser.release();
+    }
+    Reply get(const std::string& target) { return request(http::verb::get, target); }
+
+    // Sends bytes as they are and returns everything the server sends until it closes.
+    std::string raw(const std::string& bytes) {
+        run([&](auto done) { asio::async_write(_stream, asio::buffer(bytes), done); });
+        return rest();
+    }
+    std::string rest(std::chrono::seconds limit = 5s) {
+        std::string in;
+        run([&](auto done) { asio::async_read(_stream, asio::dynamic_buffer(in), done); }, limit);
+        return in;
+    }
+
+private:
+    // Runs one asynchronous operation to its end; the end of the stream counts as success.
+    template <typename Op>
+    void run(Op op, std::chrono::seconds limit = 5s) {
+        beast::error_code result = asio::error::timed_out;
+        _stream.expires_after(limit);
+        op([&](beast::error_code error, auto&&...) { result = error; });
+        _io.restart();
+        _io.run();
+        if (result && result != asio::error::eof)
+            throw std::runtime_error("HTTP client: " + result.message());
+    }
+
+    asio::io_context _io;
+    beast::tcp_stream _stream{_io};
+    beast::flat_buffer _buffer;
+};
+
+// Runs f on another thread while this one keeps calling world.update(), as a frame loop would:
+// the server answers only from there.
+template <typename F>
+auto whileUpdating(Kelo::World& world, F f) {
+    auto result = std::async(std::launch::async, std::move(f));
+    while (result.wait_for(0ms) != std::future_status::ready) {
+        world.update();
+        std::this_thread::sleep_for(1ms);
+    }
+    return result.get();
+}
+
+// A world with a web backend, its port and the log of its creation.
+struct WebTest : ::testing::Test {
+    void SetUp() override {
+        LogCapture log(osg::LOG_NOTICE);
+        backend = dynamic_cast<Kelo::WebBackend*>(world.addBackend("web", ""));
+        ASSERT_NE(backend, nullptr);
+        ASSERT_TRUE(backend->webServer()->isOpen());
+        port = backend->webServer()->socketAddress().getServicePort();
+        created = log.texts();
+    }
+    std::vector<Reply> fetch(const std::vector<std::string>& targets) {
+        return whileUpdating(world, [&] {
+            Client client(port);
+            std::vector<Reply> replies;
+            for (const auto& target : targets)
+                replies.push_back(client.get(target));
+            return replies;
+        });
+    }
+    std::string raw(const std::string& bytes) {
+        return whileUpdating(world, [&] { return Client(port).raw(bytes); });
+    }
+
+    Scene world;
+    Kelo::WebBackend* backend = nullptr;
+    uint16_t port = 0;
+    std::vector<std::string> created;
+};
+
+std::string indexPage(unsigned backends, unsigned sources, unsigned emitters) {
+    const Tovan::SysInfo& info = Tovan::SysInfo::the();
+    std::ostringstream page;
+    page << "<HTML>\n  <HEAD>\n    <TITLE>Kelo Web Interface</TITLE>\n"
+            "    <LINK REL=\"stylesheet\" TYPE=\"text/css\" HREF=\"/Style.css\">"
+            "    <LINK REL=\"ICON\" HREF=\"/favicon.ico\">\n"
+            "    <LINK REL=\"SHORTCUT ICON\" HREF=\"/favicon.ico\"\n>  </HEAD>\n  <BODY>\n"
+            "    <TABLE CLASS=\"header\" CELLSPACING=0 CELLPADDING=3 BORDER=0 WIDTH=100%>"
+            "<TR CLASS=\"header\">\n"
+            "    <TD CLASS=\"header\"><DIV CLASS=lHeader>Kelo Web Interface</DIV></TD>\n"
+            "    <TD CLASS=\"header\"><DIV CLASS=rHeader>"
+         << Kelo::WebBackend::notice()
+         << "</DIV></TD>\n    </TR></TABLE>\n    <H1>Kelo Web Interface</H1>\n"
+            "    <P><TABLE CELLSPACING=0 CELLPADDING=0 BORDER=0><TR><TD>User:</TD><TD>"
+         << info.user() << "<TD></TR>\n    <TR><TD>Host:</TD><TD>" << info.host()
+         << "</TD></TR>\n    <TR><TD>System:</TD><TD>" << info.system()
+         << "</TD></TR>\n    <TR><TD>Kelo Version:&nbsp;</TD><TD>" << Kelo::WebBackend::buildTime()
+         << "</TD></TR></TABLE></P>\n    <TABLE border=\"1\">\n"
+            "    <TR><TH>Object Type</TH><TH>Count</TH><TH>Page</TH></TR>\n"
+            "    <TR><TD>Backend</TD><TD>"
+         << backends << "</TD><TD><A HREF=\"/Backends\">All</A></TD></TR>\n"
+         << "    <TR><TD>Sources</TD><TD>" << sources
+         << "</TD><TD><A HREF=\"/Sources\">All</A></TD></TR>\n"
+         << "    <TR><TD>Emitter</TD><TD>" << emitters
+         << "</TD><TD><A HREF=\"/Emitter\">All</A></TD></TR>\n"
+            "    </TABLE>\n"
+            "    <TABLE CLASS=\"header\" CELLSPACING=0 CELLPADDING=3 BORDER=0 WIDTH=100%>"
+            "<TR CLASS=\"header\">\n"
+            "    <TD CLASS=\"header\"><DIV CLASS=footer>&nbsp;</DIV></TD>\n"
+            "    </TR></TABLE>\n  </BODY>\n</HTML>\n";
+    return page.str();
+}
+
+}  // namespace
+
+TEST_F(WebTest, OpensOnLoopbackAndServesThePagesOnOneKeptAliveConnection) {
+    EXPECT_THAT(created,
+                ElementsAre("Web server open ok: http://127.0.0.1:" + std::to_string(port) + "\n",
+                            "Create new Kelo backend: web\n"));
+    EXPECT_EQ(backend->type()->name(), "web");
+    EXPECT_TRUE(std::regex_match(Kelo::WebBackend::buildTime(),
+                                 std::regex(R"([A-Z][a-z]{2} [ 123]\d \d{4} \d\d:\d\d:\d\d)")));
+
+    const auto replies =
+        fetch({"/", "/index.html", "/Style.css", "/favicon.ico", "/log.html", "/Backends"});
+    const Reply& redirect = replies[0];
+    EXPECT_EQ(redirect.result_int(), 302);
+    EXPECT_EQ(redirect[http::field::location], "/index.html");
+
+    const Reply& index = replies[1];
+    EXPECT_EQ(index.result_int(), 200);
+    EXPECT_EQ(index[http::field::content_type], "text/html");
+    EXPECT_EQ(index[http::field::server], "Kelo");
+    EXPECT_EQ(index.body(), indexPage(1, 0, 0));
+
+    const Reply& style = replies[2];
+    EXPECT_EQ(style.result_int(), 200);
+    EXPECT_EQ(style[http::field::content_type], "text/css");
+    ASSERT_EQ(style.body().size(), 739u);
+    EXPECT_EQ(style.body().back(), '\0');
+    EXPECT_EQ(style.body().substr(0, 72),
+              "body { color: black; background-color: white; font-family: sans-serif }\n");
+    EXPECT_EQ(style.body().substr(699),
+              "tr.public  { background-color: White }\n" + std::string(1, '\0'));
+
+    const Reply& icon = replies[3];
+    EXPECT_EQ(icon[http::field::content_type], "image/x-icon");
+    const std::string& ico = icon.body();
+    ASSERT_EQ(ico.size(), 6u + 16 + 40 + 16 * 16 * 4 + 16 * 4);
+    EXPECT_EQ(ico.substr(0, 8), std::string("\0\0\1\0\1\0\x10\x10", 8));  // one 16x16 icon
+
+    EXPECT_EQ(replies[4].result_int(), 200);
+    EXPECT_EQ(replies[4][http::field::content_type], "text/html");
+    EXPECT_THAT(replies[4].body(), HasSubstr("No requests logged"));  // the backend keeps none
+
+    EXPECT_EQ(replies[5].result_int(), 404);
+    EXPECT_THAT(replies[5].body(), HasSubstr("404 Not Found"));
+    for (const Reply& reply : replies)
+        EXPECT_TRUE(reply.keep_alive());
+}
+
+TEST_F(WebTest, IndexCountsFollowTheWorldAndHeadPostAndQueriesAreHandled) {
+    Kelo::Source* source = world.createSource();
+    for (int i = 0; i < 3; ++i)
+        world.createEmitter()->setSource(source);
+    world.addBackend("silent", "");
+    EXPECT_EQ(fetch({"/index.html?refresh=1"})[0].body(), indexPage(2, 1, 3));
+    world.clearWorld();
+    EXPECT_EQ(fetch({"/index.html"})[0].body(), indexPage(2, 0, 0));
+
+    const auto [head, post] = whileUpdating(world, [&] {
+        Client client(port);
+        Reply head = client.request(http::verb::head, "/Style.css");
+        return std::make_pair(std::move(head),
+                              client.request(http::verb::post, "/index.html", "x"));
+    });
+    EXPECT_EQ(head.result_int(), 200);
+    EXPECT_EQ(head[http::field::content_length], "739");
+    EXPECT_EQ(head.body(), "");
+    EXPECT_EQ(post.result_int(), 405);
+    EXPECT_EQ(post[http::field::allow], "GET, HEAD");
+}
+
+TEST_F(WebTest, PipelinedRequestsAreAnsweredInOrderAndConnectionCloseIsHonoured) {
+    const std::string get = "GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n";
+    const std::string in =
+        raw(get + "GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n" + get);
+    const auto first = in.find("HTTP/1.1 200 OK\r\n"), second = in.find("HTTP/1.1 302 Found\r\n");
+    EXPECT_EQ(first, 0u);
+    EXPECT_NE(second, std::string::npos);
+    EXPECT_EQ(in.find("HTTP/1.1", second + 1), std::string::npos);  // nothing after the close
+}
+
+TEST_F(WebTest, OversizedAndMalformedRequestsAreRefusedAndClosed) {
+    EXPECT_THAT(raw("GET /" + std::string(9000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n"),
+                StartsWith("HTTP/1.1 431 Request Header Fields Too Large\r\n"));
+    EXPECT_THAT(raw("POST /index.html HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n"),
+                StartsWith("HTTP/1.1 413 Payload Too Large\r\n"));
+    EXPECT_THAT(raw("GET /index.html HTTX/1.1\r\n\r\n"),
+                StartsWith("HTTP/1.1 400 Bad Request\r\n"));
+}
+
+// Half a request is never answered and holds nothing: the connection goes at its deadline, and
+// meanwhile many clients with kept-alive connections are all answered while update() stays
+// short.
+TEST_F(WebTest, SlowClientsAreDroppedAtTheDeadlineWhileManyOthersAreServedWithoutStalling) {
+    Lirra::PolledWebServer& server = *backend->webServer();
+    server.setTimeout(1500ms);
+    const int clients = 60, requests = 5, slow = 5;
+    std::vector<std::future<std::pair<std::string, double>>> slowClients;
+    for (int i = 0; i < slow; ++i)
+        slowClients.push_back(std::async(std::launch::async, [&] {
+            Client client(port);
+            const auto start = std::chrono::steady_clock::now();
+            std::string in = client.raw("GET /index.html HTTP/1.1\r\nHost: 127.");
+            return std::make_pair(
+                in,
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        }));
+    std::vector<std::future<int>> fast;
+    for (int i = 0; i < clients; ++i)
+        fast.push_back(std::async(std::launch::async, [&] {
+            Client client(port);
+            int answered = 0;
+            for (int r = 0; r < requests; ++r) {
+                const Reply reply = client.get("/index.html");
+                answered += reply.result_int() == 200 && reply.keep_alive() &&
+                            reply.body().find("<TD>Emitter</TD>") != std::string::npos;
+            }
+            return answered;
+        }));
+    auto longest = std::chrono::steady_clock::duration::zero();
+    const auto ready = [](auto& f) { return f.wait_for(0ms) == std::future_status::ready; };
+    while (!std::all_of(fast.begin(), fast.end(), ready) ||
+           !std::all_of(slowClients.begin(), slowClients.end(), ready)) {
+        const auto start = std::chrono::steady_clock::now();
+        world.update();
+        longest = std::max(longest, std::chrono::steady_clock::now() - start);
+        std::this_thread::sleep_for(1ms);
+    }
+    int answered = 0;
+    for (auto& f : fast)
+        answered += f.get();
+    EXPECT_EQ(answered, clients * requests);
+    for (auto& f : slowClients) {
+        const auto [in, seconds] = f.get();
+        EXPECT_EQ(in, "");
+        EXPECT_GT(seconds, 1.3);
+        EXPECT_LT(seconds, 4.5);
+    }
+    // A server that read or wrote blockingly would stall here for the slow clients' deadline.
+    const double longestMs = std::chrono::duration<double, std::milli>(longest).count();
+    EXPECT_LT(longestMs, 100.0);
+    for (int i = 0; i < 100 && server.connections() > 0; ++i) {
+        world.update();
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(server.connections(), 0u);
+}
+
+TEST_F(WebTest, SceneJsonDescribesTheListenerAndEveryEmitter) {
+    Kelo::Source* source = world.createSource();
+    source->setDataFromURL("file:///sounds/hum.wav");
+    Kelo::Emitter* front = world.createEmitter({"front", "say \"hi\" <b>"});
+    Kelo::Emitter* idle = world.createEmitter();
+    const osg::Vec3f at(1.5f, 0, -2);
+    front->setTransform(&at, nullptr);
+    front->setHull(4, 8, 1, 2);
+    front->setParam(true, 0, 0.5f);
+    front->setSource(source);
+    front->setState(WorldPart::PLAY);
+    world.setListenerTransform(osg::Vec3f(0, 1, 0), osg::Quaternion(0, 0.7071068f, 0, 0.7071068f));
+
+    idle->setParam(false, 0, std::nanf(""));  // not a number JSON can carry
+    Kelo::Source* pcm = world.createSource();
+    setPcm(*pcm, {0, 0, 0, 0}, 8000, 16, 2);
+
+    const Reply reply = fetch({"/scene.json"})[0];
+    EXPECT_EQ(reply[http::field::content_type], "application/json");
+    const auto id = [](Kelo::WorldPart* part) { return std::to_string(part->id()); };
+    EXPECT_EQ(reply.body(),
+              "{\"backends\":1,\"enabled\":true,\"spatialize\":true,"
+              "\"listener\":{\"position\":[0,1,0],\"rotation\":[0,0.7071068,0,0.7071068]},"
+              "\"sources\":[{\"id\":" +
+                  id(source) +
+                  ",\"state\":1,\"data\":\"url\",\"url\":\"file:///sounds/hum.wav\","
+                  "\"loop\":false,\"pitch\":1,\"duration\":0},"
+                  "{\"id\":" +
+                  id(pcm) +
+                  ",\"state\":0,\"data\":\"pcm\",\"frequency\":8000,\"bits\":16,"
+                  "\"channels\":2,\"bytes\":4,\"loop\":false,\"pitch\":1,\"duration\":0}],"
+                  "\"emitters\":[{\"id\":" +
+                  id(front) +
+                  ",\"position\":[1.5,0,-2],\"rotation\":[0,0,0,1],"
+                  "\"hull\":{\"maxBack\":4,\"maxFront\":8,\"minBack\":1,\"minFront\":2},"
+                  "\"gain\":0.5,\"spatialize\":true,\"state\":1,"
+                  "\"labels\":[\"front\",\"say \\\"hi\\\" \\u003cb\\u003e\"],\"source\":" +
+                  id(source) + "},{\"id\":" + id(idle) +
+                  ",\"position\":[0,0,0],\"rotation\":[0,0,0,1],"
+                  "\"hull\":{\"maxBack\":10,\"maxFront\":10,\"minBack\":0,\"minFront\":0},"
+                  "\"gain\":null,\"spatialize\":false,\"state\":0,\"labels\":[],"
+                  "\"source\":null}]}\n");
+}
+
+TEST(WebBackend, PortFallsBackWhenTakenAndAFailedOpenLeavesAQuietBackend) {
+    asio::io_context io;
+    tcp::acceptor taken(io, {asio::ip::address_v4::loopback(), 0});
+    const uint16_t busy = taken.local_endpoint().port();
+    Scene world;
+    LogCapture log(osg::LOG_WARNING);
+    auto* moved = dynamic_cast<Kelo::WebBackend*>(
+        world.addBackend("web", ("host=127.0.0.1 port=" + std::to_string(busy)).c_str()));
+    ASSERT_TRUE(moved && moved->webServer()->isOpen());
+    const uint16_t port = moved->webServer()->socketAddress().getServicePort();
+    EXPECT_NE(port, busy);
+    EXPECT_THAT(log.texts(),
+                ElementsAre("Web server open ok: http://127.0.0.1:" + std::to_string(port) + "\n"));
+
+    log.messages.clear();
+    Kelo::Backend* failed = world.addBackend("web", "host=192.0.2.1");  // not an address of ours
+    ASSERT_NE(failed, nullptr);
+    EXPECT_THAT(log.texts(), ElementsAre("Could not create web server; 192.0.2.1:0\n"));
+    EXPECT_EQ(log.messages[0].level, osg::LOG_FATAL);
+    EXPECT_THAT(world.backends(), Contains(failed));
+    EXPECT_TRUE(failed->update());
+    world.createEmitter()->setState(WorldPart::PLAY);
+
+    log.messages.clear();
+    Kelo::WebBackend copy(*moved);
+    EXPECT_EQ(copy.webServer(), nullptr);
+    EXPECT_TRUE(copy.update());
+    EXPECT_THAT(log.texts(), ElementsAre("ERROR: In Backend copy constructor\n"));
+}
+
+// A real browser: Debian's chromium, headless, with a fresh profile, loads the pages from
+// loopback while the world keeps updating.
+class WebBrowser : public WebTest {
+protected:
+    void SetUp() override {
+        if (access(browser, X_OK) != 0)
+            GTEST_SKIP() << browser << " is not installed (bash scripts/deps.sh test)";
+        WebTest::SetUp();
+        std::filesystem::create_directories(artifacts);
+    }
+    void TearDown() override { std::filesystem::remove_all(profile); }
+
+    // Runs the browser on path with extra switches; returns what it writes on standard output.
+    // between(world) is called after every update() while it runs.
+    std::string run(
+        const std::string& path, std::vector<std::string> switches,
+        const std::function<void()>& between = [] {}) {
+        std::filesystem::remove_all(profile);
+        std::filesystem::create_directories(profile);
+        std::vector<std::string> args = {browser,
+                                         "--headless",
+                                         "--no-sandbox",
+                                         "--disable-gpu",
+                                         "--disable-dev-shm-usage",
+                                         "--disable-background-networking",
+                                         "--disable-component-update",
+                                         "--disable-sync",
+                                         "--no-first-run",
+                                         "--user-data-dir=" + profile};
+        args.insert(args.end(), switches.begin(), switches.end());
+        args.push_back("http://127.0.0.1:" + std::to_string(port) + path);
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        const std::string out = profile + ".out";
+        posix_spawn_file_actions_t files;
+        posix_spawn_file_actions_init(&files);
+        posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);
+        pid_t pid = 0;
+        const int spawned = posix_spawn(&pid, browser, &files, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&files);
+        EXPECT_EQ(spawned, 0);
+        if (spawned != 0)
+            return "";
+        int status = 0;
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (waitpid(pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                ADD_FAILURE() << "the browser did not finish within 60 s";
+                break;
+            }
+            world.update();
+            between();
+            std::this_thread::sleep_for(1ms);
+        }
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        const std::string dom = readFile(out);
+        std::filesystem::remove(out);
+        return dom;
+    }
+
+    static constexpr const char* browser = "/usr/bin/chromium";
+    const std::string profile = scratch("chromium-profile");
+    const std::filesystem::path artifacts = std::filesystem::absolute("artifacts");
+};
+
+TEST_F(WebBrowser, RendersTheIndexWithTheWorldsCounts) {
+    Kelo::Source* source = world.createSource();
+    world.createEmitter()->setSource(source);
+    world.createEmitter();
+    const std::string dom = run("/", {"--dump-dom"});  // through the redirect
+    EXPECT_THAT(dom, HasSubstr("<title>Kelo Web Interface</title>"));
+    EXPECT_THAT(dom, HasSubstr("<td>Backend</td><td>1</td>"));
+    EXPECT_THAT(dom, HasSubstr("<td>Sources</td><td>1</td>"));
+    EXPECT_THAT(dom, HasSubstr("<td>Emitter</td><td>2</td>"));
+    EXPECT_THAT(dom, HasSubstr("<td>User:</td><td>" + Tovan::SysInfo::the().user()));
+    EXPECT_THAT(dom, HasSubstr("href=\"/scene.html\">Live scene</a>"));
+
+    const std::string shot = (artifacts / "web-index.png").string();
+    run("/index.html", {"--screenshot=" + shot, "--window-size=900,500"});
+    EXPECT_EQ(readFile(shot).substr(0, 4), "\x89PNG");
+}
+
+TEST_F(WebBrowser, LiveSceneDrawsEveryEmitterAndFollowsChanges) {
+    backend->webServer()->setLogSize(1000);
+    Kelo::Source* source = world.createSource();
+    Kelo::Emitter* playing = world.createEmitter({"front"});
+    const osg::Vec3f left(-3, 0, -1);
+    playing->setTransform(&left, nullptr);
+    playing->setHull(6, 4, 2, 1);
+    playing->setSource(source);
+    playing->setState(WorldPart::PLAY);
+    Kelo::Emitter* paused = world.createEmitter({"rear"});
+    const osg::Vec3f behind(2, 0, 3);
+    paused->setTransform(&behind, nullptr);
+    paused->setState(WorldPart::PAUSE);
+
+    // Once the page has fetched the scene, a third emitter appears: a later refresh shows it.
+    Kelo::Emitter* late = nullptr;
+    const auto fetched = [&] {
+        int count = 0;
+        for (const auto& entry : backend->webServer()->log())
+            count += entry.target == "/scene.json";
+        return count;
+    };
+    const std::string dom = run("/scene.html", {"--dump-dom", "--virtual-time-budget=4000"}, [&] {
+        if (!late && fetched() > 0)
+            late = world.createEmitter({"late"});
+    });
+    ASSERT_NE(late, nullptr);
+    EXPECT_GE(fetched(), 2);  // it refreshes by itself
+    const auto mark = [](Kelo::Emitter* e, const char* state) {
+        return "id=\"emitter-" + std::to_string(e->id()) + "\" data-state=\"" + state + "\"";
+    };
+    EXPECT_THAT(dom, HasSubstr(mark(playing, "play") + " data-source=\"" +
+                               std::to_string(source->id()) + "\""));
+    EXPECT_THAT(dom, HasSubstr(mark(paused, "pause") + " data-source=\"\""));
+    EXPECT_THAT(dom, HasSubstr(mark(late, "none")));
+    EXPECT_THAT(dom, HasSubstr("id=\"listener\""));
+    EXPECT_THAT(dom, HasSubstr("3 emitters, 1 sources, 1 backends"));
+    EXPECT_THAT(dom, HasSubstr("<td>front</td>"));
+    EXPECT_THAT(dom, Not(HasSubstr("<p id=\"status\">Scene unavailable")));
+
+    const std::string shot = (artifacts / "web-scene.png").string();
+    run("/scene.html",
+        {"--screenshot=" + shot, "--window-size=1000,900", "--virtual-time-budget=2000"});
+    EXPECT_EQ(readFile(shot).substr(0, 4), "\x89PNG");
+}
