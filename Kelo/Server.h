@@ -26,7 +26,9 @@ class SourceDataEvent;
 // its own backends (usually "openal"), which reports the playing times of its sounds back to the
 // clients. It listens for clients and makes itself known on a multicast group.
 //
-// Its sources are made by the program that runs it: clients cannot create sources. Either call
+// Its sources are made by the program that runs it: clients cannot create sources. A client's
+// reset (the first thing every client sends) empties the world, those sources included; a
+// program re-creates them by overriding resetWorld(). Either call
 // run() once, which receives on a thread of its own, or call receive(false) from the thread that
 // drives the world (with waitForEvents() to sleep until something arrives).
 class Server : public World {
