@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -100,6 +101,15 @@ public:
     NetworkThread& operator=(const NetworkThread&) = delete;
 
     boost::asio::io_context& io() { return _io; }
+    // Runs f on the network thread and waits for its result. Not from the network thread
+    // itself, and only while the thread runs.
+    template <typename F>
+    auto call(F f) -> decltype(f()) {
+        std::packaged_task<decltype(f())()> task(std::move(f));
+        auto result = task.get_future();
+        boost::asio::post(_io, [&task] { task(); });
+        return result.get();
+    }
 
 private:
     boost::asio::io_context _io;

@@ -1,6 +1,5 @@
 #include "Lirra/MultiClient.h"
 
-#include <future>
 #include <map>
 
 #include "Lirra/Log.h"
@@ -45,7 +44,7 @@ struct MultiClient::Impl {
             if (ec || closed)
                 return;
             auto connection = std::make_shared<detail::Connection>(std::move(*socket), owner.hub(),
-                                                                   owner._sendLimit);
+                                                                   owner.sendLimit());
             s.connection = connection;
             connection->start([this](const std::shared_ptr<detail::Connection>& c) {
                 if (!closed)
@@ -131,13 +130,11 @@ MultiClient::~MultiClient() {
 }
 
 bool MultiClient::open() {
-    std::promise<bool> opened;
-    asio::post(_thread->io(), [this, &opened] {
+    return _thread->call([this] {
         const bool listening = !_discover || !multicastEnabled() || _impl->listen();
         _impl->retry();
-        opened.set_value(listening);
+        return listening;
     });
-    return opened.get_future().get();
 }
 
 bool MultiClient::connectToServer(const std::string& host, unsigned short port) {
@@ -175,17 +172,13 @@ bool MultiClient::disconnectFromServer(const std::string& host, unsigned short p
 }
 
 void MultiClient::close() {
-    if (_impl) {
-        std::promise<void> done;
-        asio::post(_thread->io(), [this, &done] {
+    if (_impl)
+        _thread->call([this] {
             boost::system::error_code ignored;
             _impl->closed = true;
             _impl->listener.close(ignored);
             _impl->retryTimer.cancel();
-            done.set_value();
         });
-        done.get_future().wait();
-    }
     MultiCommunicator::close();
 }
 

@@ -38,8 +38,6 @@ public:
     // Seconds between attempts to reach a named server that is down.
     double retryInterval() const { return _retry; }
     void setRetryInterval(double seconds) { _retry = seconds; }
-    // Bytes a server's send queue may hold before the server is taken for lost.
-    void setSendLimit(size_t bytes) { _sendLimit = bytes; }
 
 private:
     struct Impl;
@@ -47,7 +45,6 @@ private:
     std::unique_ptr<Impl> _impl;
     bool _discover = true;
     double _retry = 3.0;
-    size_t _sendLimit = 64u << 20;
 };
 
 }  // namespace Lirra

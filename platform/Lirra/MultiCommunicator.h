@@ -46,6 +46,10 @@ public:
     bool waitForInput(double seconds);
 
     size_t size() const;
+    // Bytes a connection's send queue may hold before its peer is taken for lost; for
+    // connections made from now on.
+    size_t sendLimit() const { return _sendLimit; }
+    void setSendLimit(size_t bytes) { _sendLimit = bytes; }
 
 protected:
     std::shared_ptr<detail::Hub> hub() const { return _hub; }
@@ -58,6 +62,7 @@ private:
     size_t _next = 0;  // round-robin position
     Communicator* _current = nullptr;
     bool _broken = false;
+    size_t _sendLimit = 64u << 20;
 };
 
 }  // namespace Lirra

@@ -1,7 +1,5 @@
 #include "Lirra/MultiServer.h"
 
-#include <future>
-
 #include "Lirra/Log.h"
 
 #include "Lirra/Connection.h"
@@ -23,7 +21,7 @@ struct MultiServer::Impl {
                 return;
             if (!ec) {
                 auto connection = std::make_shared<detail::Connection>(
-                    std::move(socket), owner.hub(), owner._sendLimit);
+                    std::move(socket), owner.hub(), owner.sendLimit());
                 // Handed over once its preamble has arrived.
                 connection->start([this](const std::shared_ptr<detail::Connection>& c) {
                     if (!closed)
@@ -119,19 +117,15 @@ void MultiServer::startAnnouncing() {
 }
 
 void MultiServer::close() {
-    if (_impl) {
-        // Stop accepting and announcing on the network thread, and wait until it has.
-        std::promise<void> done;
-        asio::post(_thread->io(), [this, &done] {
+    // Stop accepting and announcing on the network thread, and wait until it has.
+    if (_impl)
+        _thread->call([this] {
             boost::system::error_code ignored;
             _impl->closed = true;
             _impl->acceptor.close(ignored);
             _impl->timer.cancel();
             _impl->announcer.close(ignored);
-            done.set_value();
         });
-        done.get_future().wait();
-    }
     MultiCommunicator::close();
 }
 

@@ -35,8 +35,6 @@ public:
 
     bool flag() const { return _flag; }
     void setFlag(bool flag) { _flag = flag; }
-    // Bytes a client's send queue may hold before the client is taken for lost.
-    void setSendLimit(size_t bytes) { _sendLimit = bytes; }
 
 private:
     struct Impl;
@@ -46,7 +44,6 @@ private:
     std::string _listeningHost;
     bool _flag = false;
     bool _announce = false;
-    size_t _sendLimit = 64u << 20;
 };
 
 }  // namespace Lirra
