@@ -17,3 +17,14 @@ extern const char* const LogModuleName;
             ::osg::Log::the().write(level, ::Kelo::LogModuleName, __FILE__, __LINE__, __func__, \
                                     __VA_ARGS__);                                               \
     } while (0)
+
+// The same for messages a peer can cause at will: repeats from one call site are held back
+// beyond a few per interval and summarised (osg::LogLimiter).
+#define KELO_LOG_LIMITED(level, ...)                                                          \
+    do {                                                                                      \
+        if (::osg::Log::the().admits(level)) {                                                \
+            static ::osg::LogLimiter keloLogLimiter_;                                         \
+            keloLogLimiter_.write(level, ::Kelo::LogModuleName, __FILE__, __LINE__, __func__, \
+                                  __VA_ARGS__);                                               \
+        }                                                                                     \
+    } while (0)

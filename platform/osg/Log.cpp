@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace osg {
 
@@ -68,18 +69,124 @@ std::string Log::shortFile(const char* path) {
     return p;
 }
 
+namespace {
+
+// Every live limiter, for flushAll().
+std::mutex limitersMutex;
+std::vector<LogLimiter*>& limiters() {
+    static std::vector<LogLimiter*> all;
+    return all;
+}
+
+}  // namespace
+
+LogLimiter::LogLimiter(int burst, std::chrono::steady_clock::duration interval)
+    : _burst(burst < 1 ? 1 : burst), _interval(interval) {
+    std::lock_guard<std::mutex> lock(limitersMutex);
+    limiters().push_back(this);
+}
+
+LogLimiter::~LogLimiter() {
+    std::lock_guard<std::mutex> lock(limitersMutex);
+    auto& all = limiters();
+    for (auto it = all.begin(); it != all.end(); ++it)
+        if (*it == this) {
+            all.erase(it);
+            break;
+        }
+}
+
+long LogLimiter::held() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _held;
+}
+
+void LogLimiter::summarise(std::unique_lock<std::mutex>& lock) {
+    const long held = _held;
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::duration<double>>(_interval).count();
+    _held = 0;
+    if (held == 0)
+        return;
+    const int level = _level;
+    const char *module = _module, *file = _file, *function = _function, *format = _format;
+    const int line = _line;
+    lock.unlock();
+    std::string shown = format ? format : "";
+    while (!shown.empty() && shown.back() == '\n')
+        shown.pop_back();
+    Log::the().write(level, module, file, line, function,
+                     "%ld more messages like \"%s\" held back in %g s\n", held, shown.c_str(),
+                     seconds);
+    lock.lock();
+}
+
+void LogLimiter::write(int level, const char* module, const char* file, int line,
+                       const char* function, const char* format, ...) {
+    if (!Log::the().admits(level))
+        return;
+    std::unique_lock<std::mutex> lock(_mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (_written == 0 || now - _start >= _interval) {
+        summarise(lock);
+        _start = now;
+        _written = 0;
+    }
+    if (_written >= _burst) {
+        if (_held++ == 0) {
+            _level = level;
+            _module = module;
+            _file = file;
+            _line = line;
+            _function = function;
+            _format = format;
+        }
+        return;
+    }
+    ++_written;
+    lock.unlock();
+    va_list args;
+    va_start(args, format);
+    Log::the().vwrite(level, module, file, line, function, format, args);
+    va_end(args);
+}
+
+void LogLimiter::flush() {
+    std::unique_lock<std::mutex> lock(_mutex);
+    if (_held > 0 && std::chrono::steady_clock::now() - _start >= _interval) {
+        summarise(lock);
+        _written = 0;
+    }
+}
+
+void LogLimiter::flushAll() {
+    std::vector<LogLimiter*> all;
+    {
+        std::lock_guard<std::mutex> lock(limitersMutex);
+        all = limiters();
+    }
+    // Limiters are statics of their call sites: they outlive every caller of this.
+    for (LogLimiter* limiter : all)
+        limiter->flush();
+}
+
 void Log::write(int level, const char* module, const char* file, int line, const char* function,
                 const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    vwrite(level, module, file, line, function, format, args);
+    va_end(args);
+}
+
+void Log::vwrite(int level, const char* module, const char* file, int line, const char* function,
+                 const char* format, va_list args) {
     if (!admits(level))
         return;
 
-    va_list args;
-    va_start(args, format);
     va_list again;
     va_copy(again, args);
     char small[512];
     int n = std::vsnprintf(small, sizeof small, format, args);
-    va_end(args);
     std::string text;
     if (n < 0) {
         text = format;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdarg>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -50,6 +52,8 @@ public:
 
     void write(int level, const char* module, const char* file, int line, const char* function,
                const char* format, ...) __attribute__((format(printf, 7, 8)));
+    void vwrite(int level, const char* module, const char* file, int line, const char* function,
+                const char* format, va_list args) __attribute__((format(printf, 7, 0)));
 
     // "a/b/Kelo/World.cpp" -> "Kelo/World": the last directory, the file name, no extension.
     static std::string shortFile(const char* path);
@@ -64,6 +68,50 @@ private:
     std::atomic<int> _level;
     std::string _headerModules;
     Sink _sink;
+};
+
+// Holds back repeats of one message (one call site, one limiter): in each interval the first
+// few are written, the rest only counted, and one line then tells how many were held back. A
+// peer that makes the same fault a million times a second must not fill the disk with it.
+class LogLimiter {
+public:
+    static constexpr int kBurst = 5;
+    static constexpr std::chrono::seconds kInterval{10};
+
+    explicit LogLimiter(int burst = kBurst,
+                        std::chrono::steady_clock::duration interval = kInterval);
+    ~LogLimiter();
+    LogLimiter(const LogLimiter&) = delete;
+    LogLimiter& operator=(const LogLimiter&) = delete;
+
+    // Writes the message unless this interval's burst is spent; a message that opens a new
+    // interval is preceded by the summary of the one before.
+    void write(int level, const char* module, const char* file, int line, const char* function,
+               const char* format, ...) __attribute__((format(printf, 7, 8)));
+    // Writes the summary of an interval that has ended with messages held back. Messages
+    // that never come again are still counted this way: the owner of a long-running loop calls
+    // flushAll() now and then.
+    void flush();
+    static void flushAll();
+    // Messages held back and not yet summarised.
+    long held() const;
+
+private:
+    void summarise(std::unique_lock<std::mutex>& lock);
+
+    const int _burst;
+    const std::chrono::steady_clock::duration _interval;
+    mutable std::mutex _mutex;
+    std::chrono::steady_clock::time_point _start{};
+    int _written = 0;
+    long _held = 0;
+    // Where the held-back messages came from, for the summary.
+    int _level = 0;
+    const char* _module = nullptr;
+    const char* _file = nullptr;
+    int _line = 0;
+    const char* _function = nullptr;
+    const char* _format = nullptr;
 };
 
 }  // namespace osg
