@@ -1,4 +1,5 @@
 // The platform subset: the log, parameter lines and text conversion.
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <tuple>
@@ -63,6 +64,32 @@ TEST(Log, StandardErrorHeaderForAcceptedModulesAndSettingsFromTheEnvironment) {
     setenv("KELO_LOG_LEVEL", "loud", 1);  // unreadable: ignored
     log.configureFromEnvironment();
     EXPECT_EQ(log.level(), 3);
+}
+
+TEST(Log, LimiterLetsABurstThroughThenCountsAndSummarises) {
+    LogCapture log(osg::LOG_WARNING);
+    osg::LogLimiter limiter(3, std::chrono::milliseconds(200));
+    for (int i = 0; i < 1000; ++i)
+        limiter.write(osg::LOG_FATAL, "Kelo", __FILE__, __LINE__, __func__, "bad frame %d\n", i);
+    EXPECT_THAT(log.texts(), ElementsAre("bad frame 0\n", "bad frame 1\n", "bad frame 2\n"));
+    EXPECT_EQ(limiter.held(), 997);
+
+    // Nothing is summarised before the interval is over, then exactly once.
+    limiter.flush();
+    EXPECT_EQ(log.messages.size(), 3u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    osg::LogLimiter::flushAll();
+    osg::LogLimiter::flushAll();
+    ASSERT_EQ(log.messages.size(), 4u);
+    EXPECT_EQ(log.messages[3].text, "997 more messages like \"bad frame %d\" held back in 0.2 s\n");
+    EXPECT_EQ(log.messages[3].level, osg::LOG_FATAL);
+    EXPECT_EQ(limiter.held(), 0);
+
+    // A new interval lets a new burst through; levels the log does not admit are not counted.
+    limiter.write(osg::LOG_FATAL, "Kelo", __FILE__, __LINE__, __func__, "again\n");
+    limiter.write(osg::LOG_NOTICE, "Kelo", __FILE__, __LINE__, __func__, "quiet\n");
+    EXPECT_EQ(log.texts().back(), "again\n");
+    EXPECT_EQ(limiter.held(), 0);
 }
 
 TEST(ParamLine, PairsQuotesRepeatsAndErrors) {
