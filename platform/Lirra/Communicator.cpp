@@ -11,6 +11,7 @@ Communicator::Communicator(std::shared_ptr<detail::Connection> connection)
     : _connection(std::move(connection)) {}
 
 Communicator::~Communicator() {
+    _connection->hub().held.fetch_sub(_buffer.size(), std::memory_order_relaxed);
     close();
 }
 
@@ -22,16 +23,25 @@ void Communicator::close() {
     _connection->close();
 }
 
+void Communicator::refuse(const std::string& reason) {
+    _connection->refuse(reason);
+}
+
 const std::string& Communicator::peer() const {
     return _connection->peer();
 }
 
 bool Communicator::refill() {
-    if (_read == _buffer.size()) {
-        _buffer.clear();
-        _read = 0;
-    }
+    if (_read == _buffer.size())
+        consumed();
     return _connection->takeFrames(_buffer) > 0;
+}
+
+void Communicator::consumed() {
+    _connection->hub().held.fetch_sub(_buffer.size(), std::memory_order_relaxed);
+    _buffer.clear();
+    detail::shrink(_buffer);
+    _read = 0;
 }
 
 bool Communicator::readExact(uint8_t* bytes, size_t count) {
@@ -46,6 +56,9 @@ bool Communicator::readExact(uint8_t* bytes, size_t count) {
     if (count)
         std::memcpy(bytes, _buffer.data() + _read, count);
     _read += count;
+    // Once per batch of frames: what is read no longer counts against the receive budget.
+    if (_read == _buffer.size())
+        consumed();
     return true;
 }
 

@@ -29,6 +29,8 @@ public:
     // Reads from the frames received so far; false once they are used up and the peer is gone.
     bool readExact(uint8_t* bytes, size_t count) override;
     void close();
+    // Sends the peer a goodbye giving the reason, then closes; later writes fail.
+    void refuse(const std::string& reason);
 
     // "address:port" of the peer.
     const std::string& peer() const;
@@ -39,6 +41,8 @@ private:
     size_t buffered() const { return _buffer.size() - _read; }
     // Takes over what has arrived; false when nothing has. Hub lock held.
     bool refill();
+    // Everything taken over has been read: releases it from the receive budget.
+    void consumed();
 
     std::shared_ptr<detail::Connection> _connection;
     std::vector<uint8_t> _buffer;

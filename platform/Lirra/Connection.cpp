@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 
 #include <sys/socket.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "Lirra/Log.h"
 
@@ -16,16 +20,52 @@ namespace detail {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr auto kHandshakeTimeout = std::chrono::seconds(5);
+// How long a goodbye may take to leave and the peer to close after it.
+constexpr auto kLinger = std::chrono::seconds(1);
 constexpr size_t kReadChunk = 256 * 1024;
 // Whole frames waiting for the reader beyond this stop the reading, so that a reader that
 // falls behind pushes back on the peer instead of filling memory.
 constexpr size_t kReceiveBacklog = 8u << 20;
+// Room that a backlog of small frames never needs: only a large frame leaves so much behind.
+constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;
+// A send buffer keeps this much room between bursts.
+constexpr size_t kKeptSendCapacity = 4u << 20;
 // How long a connection must have had nothing queued for the next event to skip the queue.
 constexpr auto kQuietSpell = std::chrono::microseconds(500);
+// The keep-alive frame: length 4, type 0, stamp 0.
+constexpr uint8_t kKeepAliveFrame[8] = {4, 0, 0, 0, kKeepAliveType, 0, 0, 0};
 
 uint32_t frameLength(const uint8_t* p) {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+uint16_t frameType(const uint8_t* p) {
+    return static_cast<uint16_t>(p[4] | p[5] << 8);
+}
+
+void putU32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+Clock::duration toDuration(double seconds) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+double secondsSince(Clock::time_point then, Clock::time_point now) {
+    return std::chrono::duration<double>(now - then).count();
+}
+
+// A peer's text as it may go into a log line: no control characters, no line breaks.
+std::string printable(const uint8_t* bytes, size_t count) {
+    std::string out;
+    out.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+        out.push_back(bytes[i] >= 0x20 && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '?');
+    return out;
 }
 
 std::string describe(const asio::ip::tcp::socket& socket) {
@@ -37,9 +77,36 @@ std::string describe(const asio::ip::tcp::socket& socket) {
 
 }  // namespace
 
+void shrink(std::vector<uint8_t>& buffer, size_t above) {
+    if (buffer.capacity() <= above || buffer.size() > buffer.capacity() / 4)
+        return;
+    const bool large = buffer.capacity() > kLargeCapacity;
+    std::vector<uint8_t>(buffer.begin(), buffer.end()).swap(buffer);
+#ifdef __GLIBC__
+    // The allocator keeps freed memory of the sizes it has seen lately for reuse; after a
+    // frame of tens of MiB that is far more than a connection will need again soon.
+    if (large)
+        malloc_trim(0);
+#else
+    (void)large;
+#endif
+}
+
+std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
+    const size_t count = std::min(reason.size(), kMaxGoodbyeReason);
+    std::vector<uint8_t> frame;
+    frame.reserve(12 + count);
+    putU32(frame, static_cast<uint32_t>(8 + count));
+    frame.insert(frame.end(), {kGoodbyeType, 0, 0, 0});
+    putU32(frame, static_cast<uint32_t>(count));
+    frame.insert(frame.end(), reason.begin(), reason.begin() + static_cast<long>(count));
+    return frame;
+}
+
 Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, size_t sendLimit)
     : _socket(std::move(socket)),
-      _handshakeTimer(_socket.get_executor()),
+      _deadline(_socket.get_executor()),
+      _watch(_socket.get_executor()),
       _hub(std::move(hub)),
       _peer(describe(_socket)),
       _readChunk(kReadChunk),
@@ -49,73 +116,204 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, s
     _socket.set_option(asio::ip::tcp::no_delay(true), ignored);
 }
 
+Connection::~Connection() {
+    release(_complete + _pendingReserve);
+}
+
+void Connection::release(size_t bytes) {
+    if (bytes)
+        _hub->held.fetch_sub(bytes, std::memory_order_relaxed);
+}
+
 void Connection::start(Handshaken handshaken) {
     _handshaken = std::move(handshaken);
     write(kPreamble, sizeof kPreamble);
-    _handshakeTimer.expires_after(kHandshakeTimeout);
-    _handshakeTimer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
-        if (!ec)
+    _deadline.expires_after(kHandshakeTimeout);
+    _deadline.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+        if (!ec && !self->_handshakeDone && !self->_lingering)
             self->fail("no preamble in time");
     });
     readPreamble();
 }
 
 void Connection::readPreamble() {
+    _readOutstanding = true;
     asio::async_read(_socket, asio::buffer(_peerPreamble),
                      [self = shared_from_this()](boost::system::error_code ec, size_t) {
-                         self->_handshakeTimer.cancel();
-                         if (ec)
-                             return self->fail(nullptr);
-                         if (std::memcmp(self->_peerPreamble, kPreamble, 4) != 0)
-                             return self->fail("not a Kelo peer");
-                         if (std::memcmp(self->_peerPreamble, kPreamble, 8) != 0)
-                             return self->fail("another protocol version");
-                         if (self->_handshaken)
-                             self->_handshaken(self);
-                         self->_handshaken = nullptr;
-                         self->read();
+                         self->preambleRead(ec);
                      });
 }
 
+void Connection::preambleRead(const boost::system::error_code& ec) {
+    _readOutstanding = false;
+    if (ec)
+        return fail(nullptr);
+    if (_lingering)
+        return read();
+    _deadline.cancel();
+    if (std::memcmp(_peerPreamble, kPreamble, 4) != 0)
+        return fail("not a Kelo peer");
+    if (std::memcmp(_peerPreamble, kPreamble, 8) != 0)
+        return fail("another protocol version");
+    _handshakeDone = true;
+    _lastReceived = Clock::now();
+    try {
+        if (_handshaken)
+            _handshaken(shared_from_this());
+    } catch (const std::exception& e) {
+        LIRRA_LOG(osg::LOG_FATAL, "Cannot take on the connection to %s: %s\n", _peer.c_str(),
+                  e.what());
+        return fail(nullptr);
+    }
+    _handshaken = nullptr;
+    startWatch();
+    read();
+}
+
 void Connection::read() {
-    _socket.async_read_some(asio::buffer(_readChunk), [self = shared_from_this()](
-                                                          boost::system::error_code ec, size_t n) {
-        if (ec)
-            return self->fail(nullptr);
-        bool pause = false;
-        {
-            std::lock_guard<std::mutex> lock(self->_hub->mutex);
-            self->received(n);
-            pause = self->_lost || (self->_complete > 0 && self->_rx.size() > kReceiveBacklog);
-            self->_readPaused = pause && !self->_lost;
+    if (_readOutstanding || _shut)
+        return;
+    _readOutstanding = true;
+    _socket.async_read_some(asio::buffer(_readChunk),
+                            [self = shared_from_this()](boost::system::error_code ec, size_t n) {
+                                self->chunkRead(ec, n);
+                            });
+}
+
+void Connection::chunkRead(const boost::system::error_code& ec, size_t count) {
+    _readOutstanding = false;
+    if (ec)
+        return fail(nullptr);
+    if (_lingering)
+        return read();  // what a refused peer still sends is dropped unread
+    _lastReceived = Clock::now();
+    bool pause = false;
+    Fault fault;
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        if (!_lost) {
+            try {
+                received(count);
+            } catch (const std::exception& e) {
+                // Out of memory, most likely: this connection goes, the others stay.
+                _fault.why = std::string("cannot take in what it sent: ") + e.what();
+                _fault.reason = "the receiver is short of memory";
+            }
         }
-        self->_hub->ready.notify_all();
-        if (!pause)
-            self->read();
-    });
+        pause = _lost || (_complete > 0 && _rx.size() > kReceiveBacklog);
+        _readPaused = pause && !_lost;
+        fault = std::move(_fault);
+        _fault = Fault();
+    }
+    _hub->ready.notify_all();
+    if (!fault.why.empty())
+        return drop(fault.why, fault.reason);
+    if (fault.peerLeft)
+        return fail(nullptr);
+    if (!pause)
+        read();
 }
 
 void Connection::received(size_t count) {
     _rx.insert(_rx.end(), _readChunk.begin(), _readChunk.begin() + static_cast<long>(count));
-    // Advance over every frame that is now whole; refuse one that announces too much.
-    size_t at = _complete;
-    while (_rx.size() - at >= 4) {
+    // Walk the frames that are now whole. Connection-level frames are taken out (the event
+    // frames behind them move up), and each frame's announced length is counted against the
+    // budget as soon as it is known, before its bytes are held.
+    size_t at = _complete;    // next frame to look at
+    size_t kept = _complete;  // end of the event frames kept
+    // Counted here and settled once at the end: only this thread adds to the held bytes, so
+    // the count read now can only be too high, never too low.
+    const size_t budget = _hub->budget.load(std::memory_order_relaxed);
+    const size_t maxFrame = Event::maxFrameSize();
+    const size_t held = _hub->held.load(std::memory_order_relaxed);
+    size_t added = 0;
+    size_t freed = 0;
+    // Kept in locals until the end, so that a failure on the way leaves the counts as they were.
+    size_t pending = _pendingReserve;
+    bool stop = false;
+    while (!stop && _rx.size() - at >= 4) {
         const uint32_t length = frameLength(&_rx[at]);
-        if (length > Event::maxFrameSize()) {
-            LIRRA_LOG(osg::LOG_WARNING,
-                      "Dropped connection to %s: frame of %u bytes, more than the %zu allowed\n",
-                      _peer.c_str(), length, Event::maxFrameSize());
-            _lost = true;
-            _rx.resize(at);  // the frames before it still count
-            asio::post(_socket.get_executor(),
-                       [self = shared_from_this()] { self->fail(nullptr); });
-            break;
+        if (!pending) {
+            const size_t need = 4 + size_t(length);
+            if (length > maxFrame) {
+                _fault.why = "frame of " + std::to_string(length) + " bytes, more than the " +
+                             std::to_string(maxFrame) + " allowed";
+                _fault.reason = _fault.why;
+                break;
+            }
+            if (held + added + need > budget) {
+                _fault.why = "frame of " + std::to_string(length) +
+                             " bytes would pass the receive budget of " + std::to_string(budget) +
+                             " bytes (" + std::to_string(held + added) + " held)";
+                _fault.reason = "frame of " + std::to_string(length) +
+                                " bytes refused: over the receive budget of " +
+                                std::to_string(budget) + " bytes";
+                break;
+            }
+            // Room for a large frame in one go: growing step by step would copy it again
+            // and again and leave the allocator holding every size on the way.
+            if (need > kKeptCapacity)
+                _rx.reserve(at + need);
+            added += need;
+            pending = need;
         }
         if (_rx.size() - at - 4 < length)
             break;
-        at += 4 + length;
+        const size_t size = 4 + size_t(length);
+        pending = 0;
+        _frameUnderWay = false;
+        if (length >= 2 && frameType(&_rx[at]) < kFirstEventType) {
+            if (frameType(&_rx[at]) == kGoodbyeType) {
+                std::string reason = "no reason given";
+                const size_t bodySize = length >= 4 ? length - 4 : 0;
+                if (bodySize >= 4) {
+                    const uint8_t* body = &_rx[at + 8];
+                    const uint32_t n = frameLength(body);
+                    if (n <= kMaxGoodbyeReason && n <= bodySize - 4)
+                        reason = printable(body + 4, n);
+                }
+                LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Connection to %s closed by the peer: %s\n",
+                                  _peer.c_str(), reason.c_str());
+                _fault.peerLeft = true;
+                stop = true;
+            }
+            // A keep-alive has done its work by arriving; other ids are for later versions.
+            freed += size;
+            at += size;
+            continue;
+        }
+        if (kept != at)
+            std::memmove(&_rx[kept], &_rx[at], size);
+        kept += size;
+        at += size;
     }
-    _complete = at;
+    _pendingReserve = pending;
+    if (added)
+        _hub->held.fetch_add(added, std::memory_order_relaxed);
+    release(freed);
+    if (stop || !_fault.why.empty()) {
+        // Nothing after the fault or the goodbye counts; the frames before it still do.
+        _rx.resize(at);
+        // A fault is made known to the reader by refuse(), once the goodbye is queued: a
+        // reader that saw the loss first would close the connection before it went out.
+        _lost = stop;
+    }
+    if (kept != at) {
+        std::memmove(&_rx[kept], &_rx[at], _rx.size() - at);
+        _rx.resize(kept + (_rx.size() - at));
+    }
+    _complete = kept;
+    if (_lost) {
+        release(_pendingReserve);
+        _pendingReserve = 0;
+        _rx.resize(_complete);
+        shrink(_rx, kKeptCapacity);
+    }
+    if (_rx.size() > _complete && !_frameUnderWay) {
+        _frameUnderWay = true;
+        _frameStarted = _lastReceived;
+    }
+    _frameLength = _pendingReserve ? _pendingReserve - 4 : 0;
 }
 
 size_t Connection::takeFrames(std::vector<uint8_t>& out) {
@@ -124,6 +322,7 @@ size_t Connection::takeFrames(std::vector<uint8_t>& out) {
         out.insert(out.end(), _rx.begin(), _rx.begin() + static_cast<long>(count));
         _rx.erase(_rx.begin(), _rx.begin() + static_cast<long>(count));
         _complete = 0;
+        shrink(_rx, kLargeCapacity);
     }
     if (_readPaused && !_lost) {
         _readPaused = false;
@@ -132,23 +331,105 @@ size_t Connection::takeFrames(std::vector<uint8_t>& out) {
     return count;
 }
 
+void Connection::startWatch() {
+    {
+        std::lock_guard<std::mutex> lock(_txMutex);
+        _writesSeen = _writes;
+    }
+    _lastSent = Clock::now();
+    watch();
+}
+
+void Connection::watch() {
+    // Often enough to keep each limit to within a quarter of itself, at most once a second.
+    double period = 1.0;
+    const double idle = _hub->idleLimit.load(std::memory_order_relaxed);
+    if (idle > 0)
+        period = std::min(period, idle / 4);
+    period = std::min(period, _hub->frameGrace.load(std::memory_order_relaxed) / 4);
+    const double keepAlive = _hub->keepAlive.load(std::memory_order_relaxed);
+    if (keepAlive > 0)
+        period = std::min(period, keepAlive / 4);
+    _watch.expires_after(toDuration(std::max(period, 0.01)));
+    _watch.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+        if (ec || self->_shut || self->_lingering)
+            return;
+        if (self->check())
+            self->watch();
+    });
+}
+
+bool Connection::check() {
+    const auto now = Clock::now();
+    uint64_t writes = 0;
+    {
+        std::lock_guard<std::mutex> lock(_txMutex);
+        writes = _writes;
+    }
+    if (writes != _writesSeen) {
+        _writesSeen = writes;
+        _lastSent = now;
+    }
+    const double keepAlive = _hub->keepAlive.load(std::memory_order_relaxed);
+    if (keepAlive > 0 && secondsSince(_lastSent, now) >= keepAlive)
+        write(kKeepAliveFrame, sizeof kKeepAliveFrame);
+
+    bool underWay = false;
+    Clock::time_point started;
+    uint32_t length = 0;
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        shrink(_rx, kKeptCapacity);
+        if (_readPaused) {
+            // The reader is behind, not the peer: the clocks start again when reading resumes.
+            _lastReceived = now;
+            _frameStarted = now;
+            return true;
+        }
+        underWay = _frameUnderWay;
+        started = _frameStarted;
+        length = _frameLength;
+    }
+    const double idle = _hub->idleLimit.load(std::memory_order_relaxed);
+    if (idle > 0 && secondsSince(_lastReceived, now) > idle) {
+        char text[96];
+        std::snprintf(text, sizeof text, "nothing received for %g s", idle);
+        drop(text, text);
+        return false;
+    }
+    if (underWay) {
+        const double rate = _hub->frameMinRate.load(std::memory_order_relaxed);
+        const double allowed =
+            _hub->frameGrace.load(std::memory_order_relaxed) + (rate > 0 ? length / rate : 0);
+        if (secondsSince(started, now) > allowed) {
+            char text[128];
+            std::snprintf(text, sizeof text, "frame of %u bytes not completed within %.1f s",
+                          length, allowed);
+            drop(text, text);
+            return false;
+        }
+    }
+    return true;
+}
+
 bool Connection::write(const uint8_t* bytes, size_t count) {
     std::lock_guard<std::mutex> lock(_txMutex);
-    if (_closed)
+    if (_closed || _closing)
         return false;
     if (_tx.size() + count > _sendLimit) {
         _closed = true;
-        LIRRA_LOG(osg::LOG_WARNING,
-                  "Dropped connection to %s: more than %zu bytes waiting to be sent\n",
-                  _peer.c_str(), _sendLimit);
+        LIRRA_LOG_LIMITED(osg::LOG_WARNING,
+                          "Dropped connection to %s: more than %zu bytes waiting to be sent\n",
+                          _peer.c_str(), _sendLimit);
         asio::post(_socket.get_executor(), [self = shared_from_this()] { self->fail(nullptr); });
         return false;
     }
+    ++_writes;
     // A lone event after a quiet spell goes straight to the socket: that spares the network
     // thread a wake-up, most of a single event's latency. Within a burst, events queue up and
     // the network thread writes them together, one system call for many.
     if (!_writing && _tx.empty()) {
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = Clock::now();
         const bool quiet = now - _lastWrite > kQuietSpell;
         _lastWrite = now;
         if (quiet) {
@@ -170,18 +451,34 @@ bool Connection::write(const uint8_t* bytes, size_t count) {
 }
 
 void Connection::flush() {
+    bool finished = false;
     {
         std::lock_guard<std::mutex> lock(_txMutex);
-        if (_tx.empty() || _closed) {
+        if (_closed) {
             _writing = false;
             return;
         }
-        _inFlight.swap(_tx);
-        _tx.clear();
+        if (_tx.empty()) {
+            _writing = false;
+            finished = _closing;
+        } else {
+            _inFlight.swap(_tx);
+            _tx.clear();
+        }
+    }
+    if (_inFlight.empty()) {
+        if (finished) {
+            // The goodbye is out: the peer sees the end of the stream after it.
+            boost::system::error_code ignored;
+            _socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+        }
+        return;
     }
     asio::async_write(_socket, asio::buffer(_inFlight),
                       [self = shared_from_this()](boost::system::error_code ec, size_t) {
                           self->_inFlight.clear();
+                          if (self->_inFlight.capacity() > kKeptSendCapacity)
+                              std::vector<uint8_t>().swap(self->_inFlight);
                           if (ec)
                               return self->fail(nullptr);
                           self->flush();
@@ -196,17 +493,72 @@ bool Connection::drained() {
 void Connection::close() {
     {
         std::lock_guard<std::mutex> lock(_txMutex);
+        if (_closing)
+            return;  // the goodbye under way closes it
         _closed = true;
     }
     asio::post(_socket.get_executor(), [self = shared_from_this()] { self->fail(nullptr); });
 }
 
-void Connection::fail(const char* why) {
-    if (why)
-        LIRRA_LOG(osg::LOG_WARNING, "Dropped connection to %s: %s\n", _peer.c_str(), why);
+void Connection::refuse(const std::string& reason) {
+    const std::vector<uint8_t> frame = goodbyeFrame(reason);
+    {
+        std::lock_guard<std::mutex> lock(_txMutex);
+        if (_closed || _closing)
+            return;
+        _closing = true;
+        // Past the send limit if need be: it is small, and the last thing sent.
+        _tx.insert(_tx.end(), frame.begin(), frame.end());
+        if (!_writing) {
+            _writing = true;
+            asio::post(_socket.get_executor(), [self = shared_from_this()] { self->flush(); });
+        }
+    }
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);
-        _lost = true;
+        lose();
+    }
+    _hub->ready.notify_all();
+    asio::post(_socket.get_executor(), [self = shared_from_this()] { self->linger(); });
+}
+
+void Connection::drop(const std::string& why, const std::string& reason) {
+    LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Dropped connection to %s: %s\n", _peer.c_str(),
+                      why.c_str());
+    refuse(reason);
+}
+
+void Connection::linger() {
+    if (_shut || _lingering)
+        return;
+    _lingering = true;
+    _watch.cancel();
+    _deadline.expires_after(kLinger);
+    _deadline.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+        if (!ec)
+            self->fail(nullptr);
+    });
+    // Reads on until the peer closes, so that closing does not reset the connection before
+    // the peer has read the goodbye.
+    read();
+}
+
+void Connection::lose() {
+    _lost = true;
+    // The frame under way will never be whole: its bytes and its share of the budget go.
+    release(_pendingReserve);
+    _pendingReserve = 0;
+    _frameUnderWay = false;
+    _rx.resize(_complete);
+    shrink(_rx, kKeptCapacity);
+}
+
+void Connection::fail(const char* why) {
+    if (why)
+        LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Dropped connection to %s: %s\n", _peer.c_str(), why);
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        lose();
     }
     {
         std::lock_guard<std::mutex> lock(_txMutex);
@@ -217,17 +569,40 @@ void Connection::fail(const char* why) {
 }
 
 void Connection::shutdown() {
+    if (_shut)
+        return;
+    _shut = true;
     boost::system::error_code ignored;
-    _handshakeTimer.cancel();
+    _deadline.cancel();
+    _watch.cancel();
     _socket.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
     _socket.close(ignored);
+    if (_ended) {
+        auto ended = std::move(_ended);
+        _ended = nullptr;
+        ended();
+    }
 }
 
-NetworkThread::NetworkThread()
-    : _work(asio::make_work_guard(_io)), _thread([this] { _io.run(); }) {}
+NetworkThread::NetworkThread() : _work(asio::make_work_guard(_io)), _thread([this] { run(); }) {}
 
 NetworkThread::~NetworkThread() {
     stop();
+}
+
+void NetworkThread::run() {
+    // A handler that throws must not take the process down with it: the error is logged and
+    // the other connections go on.
+    for (;;) {
+        try {
+            _io.run();
+            return;
+        } catch (const std::exception& e) {
+            LIRRA_LOG(osg::LOG_FATAL, "Network thread: unexpected error: %s\n", e.what());
+        } catch (...) {
+            LIRRA_LOG(osg::LOG_FATAL, "Network thread: unexpected error\n");
+        }
+    }
 }
 
 void NetworkThread::stop() {

@@ -3,6 +3,7 @@
 // Internal to the networking library: one TCP connection driven by an Asio io_context. Not
 // installed; the public classes hold it behind pointers.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -19,35 +20,67 @@ namespace Lirra {
 namespace detail {
 
 // What the connections of one multi-connection object share: the lock and the condition that
-// the receiving thread waits on.
+// the receiving thread waits on, the settings that bound what a peer may cost, and the count
+// of received bytes not yet read.
 struct Hub {
     std::mutex mutex;
     std::condition_variable ready;
+
+    // Added on the network thread as frames are announced, taken off by the reader as it
+    // consumes them (or as a connection goes).
+    std::atomic<size_t> held{0};
+    std::atomic<size_t> budget{256u << 20};
+    std::atomic<double> idleLimit{0};
+    std::atomic<double> frameGrace{5};
+    std::atomic<double> frameMinRate{1 << 20};
+    std::atomic<double> keepAlive{5};
 };
+
+// Room a buffer keeps once a large frame has gone through it.
+constexpr size_t kKeptCapacity = 1u << 20;
+// Gives back a buffer's room beyond what it holds, when that room is more than above and
+// mostly unused. After a large frame the freed memory goes back to the system at once.
+void shrink(std::vector<uint8_t>& buffer, size_t above = kKeptCapacity);
 
 // A peer speaks first: "KELO" and the protocol version, little-endian.
 constexpr uint8_t kPreamble[8] = {'K', 'E', 'L', 'O', 1, 0, 0, 0};
+
+// Connection-level frames: type ids below this never reach the event layer.
+constexpr uint16_t kFirstEventType = 200;
+constexpr uint16_t kKeepAliveType = 0;
+constexpr uint16_t kGoodbyeType = 1;
+constexpr size_t kMaxGoodbyeReason = 1024;
+
+// A goodbye frame: the reason as a string field, cut to kMaxGoodbyeReason bytes.
+std::vector<uint8_t> goodbyeFrame(const std::string& reason);
 
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     using Handshaken = std::function<void(const std::shared_ptr<Connection>&)>;
 
     Connection(boost::asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, size_t sendLimit);
+    ~Connection();
 
     // Sends the preamble and waits for the peer's; then calls handshaken (on the network
     // thread). A peer that does not answer in time, or not with a Kelo preamble, is dropped.
     void start(Handshaken handshaken);
+    // Called once on the network thread when the socket closes, whatever the cause.
+    void onEnded(std::function<void()> ended) { _ended = std::move(ended); }
 
     // Queues bytes for sending; the network thread writes whatever has gathered in one go.
     // False when the connection is lost, or becomes lost because the queue passed its bound.
     bool write(const uint8_t* bytes, size_t count);
     // Ends the connection from any thread.
     void close();
+    // Sends a goodbye with the reason after what is queued, then closes; from any thread.
+    // Nothing received from now on reaches the reader.
+    void refuse(const std::string& reason);
     // Nothing left to send (or nothing can be sent any more).
     bool drained();
 
     // Receiving side, under the hub's lock: moves the complete frames received so far to the
-    // end of out. Returns the number of bytes moved.
+    // end of out. Returns the number of bytes moved. They stay counted in the hub's held
+    // bytes until the reader releases them.
     size_t takeFrames(std::vector<uint8_t>& out);
     bool hasFrames() const { return _complete > 0; }  // hub lock held
     bool lost() const { return _lost; }               // hub lock held
@@ -56,25 +89,64 @@ public:
 
 private:
     void readPreamble();
+    void preambleRead(const boost::system::error_code& ec);
     void read();
+    void chunkRead(const boost::system::error_code& ec, size_t count);
     void received(size_t count);  // hub lock held
+    // Drops the connection for a fault of the peer's, telling it why (network thread).
+    void drop(const std::string& why, const std::string& reason);
+    void goodbye(const std::string& reason);  // hub lock held
+    void lose();                              // hub lock held
+    void startWatch();
+    void watch();
+    // The idle limit, the frame deadline and the keep-alive; false once the connection is
+    // dropped.
+    bool check();
     void flush();
+    void linger();
     void fail(const char* why);
     void shutdown();
+    void release(size_t bytes);
 
     boost::asio::ip::tcp::socket _socket;
-    boost::asio::steady_timer _handshakeTimer;
+    boost::asio::steady_timer _deadline;  // the handshake, then the goodbye's linger
+    boost::asio::steady_timer _watch;     // idle, frame deadline, keep-alive
     std::shared_ptr<Hub> _hub;
     std::string _peer;
     Handshaken _handshaken;
+    std::function<void()> _ended;
+    bool _shut = false;
 
     // Receiving, guarded by the hub's lock: [0, _complete) of _rx are whole frames.
     std::vector<uint8_t> _rx;
     size_t _complete = 0;
     bool _lost = false;
     bool _readPaused = false;
+    // Bytes counted in the hub for this connection and not yet handed to the reader are
+    // the whole frames in _rx and the announced length of the one under way.
+    size_t _pendingReserve = 0;
+    // What received() found wrong, acted on once the lock is released.
+    struct Fault {
+        std::string why;     // for the log; empty when nothing is wrong
+        std::string reason;  // for the peer's goodbye
+        bool peerLeft = false;
+    };
+    Fault _fault;
     std::vector<uint8_t> _readChunk;
     uint8_t _peerPreamble[8] = {};
+
+    // The frame under way, for its deadline; guarded by the hub's lock.
+    std::chrono::steady_clock::time_point _frameStarted{};
+    bool _frameUnderWay = false;
+    uint32_t _frameLength = 0;
+
+    // Network thread only.
+    bool _handshakeDone = false;
+    bool _lingering = false;
+    bool _readOutstanding = false;
+    std::chrono::steady_clock::time_point _lastReceived{};
+    uint64_t _writesSeen = 0;
+    std::chrono::steady_clock::time_point _lastSent{};
 
     // Sending, guarded by _txMutex.
     std::mutex _txMutex;
@@ -82,6 +154,8 @@ private:
     std::vector<uint8_t> _inFlight;
     bool _writing = false;
     bool _closed = false;
+    bool _closing = false;  // a goodbye is queued: nothing more goes out after it
+    uint64_t _writes = 0;
     const size_t _sendLimit;
     std::chrono::steady_clock::time_point _lastWrite{};
     // The socket's descriptor, for sending straight from the caller's thread when nothing is
@@ -112,6 +186,8 @@ public:
     }
 
 private:
+    void run();
+
     boost::asio::io_context _io;
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> _work;
     std::thread _thread;

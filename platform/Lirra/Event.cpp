@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "Lirra/Log.h"
 
@@ -11,6 +14,24 @@ namespace Lirra {
 namespace {
 
 std::atomic<size_t> maxFrame{64u << 20};
+
+// Gives back the room a large frame has left in a reused buffer. (The fuzz target builds this
+// file on its own, so it does not share the connection layer's helper.)
+void release(std::vector<uint8_t>& buffer) {
+    constexpr size_t kKept = 1u << 20;
+    constexpr size_t kLarge = 16u << 20;
+    buffer.clear();
+    if (buffer.capacity() <= kKept)
+        return;
+    const bool large = buffer.capacity() > kLarge;
+    std::vector<uint8_t>().swap(buffer);
+#ifdef __GLIBC__
+    if (large)
+        malloc_trim(0);  // the allocator would keep it for frames of that size
+#else
+    (void)large;
+#endif
+}
 
 // Registry by type id, sorted: a handful of entries, looked up for every frame received. Behind
 // a pointer that is null until the first registration, so static EventTypes of other files may
@@ -97,13 +118,22 @@ bool Event::send(Sender* to) {
     thread_local std::vector<uint8_t> frame;
     frame.clear();
     encode(frame);
-    return to && to->write(frame.data(), frame.size());
+    const bool sent = to && to->write(frame.data(), frame.size());
+    release(frame);
+    return sent;
 }
 
 namespace {
 
+// Set while Event::receive decodes a frame from a peer, which may send bad ones at will: its
+// refusals go through a limiter. A direct decode is the caller's to log as it sees fit.
+thread_local bool fromPeer = false;
+
 Event* refuse(const std::string& why, std::string* error) {
-    LIRRA_LOG(osg::LOG_WARNING, "Refused event frame: %s\n", why.c_str());
+    if (fromPeer)
+        LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Refused event frame: %s\n", why.c_str());
+    else
+        LIRRA_LOG(osg::LOG_WARNING, "Refused event frame: %s\n", why.c_str());
     if (error)
         *error = why;
     return nullptr;
@@ -156,8 +186,9 @@ bool Event::receive(Receiver* from, Event*& event) {
         return false;
     const uint32_t size = fromWire<uint32_t>(length);
     if (size > maxFrameSize()) {
-        LIRRA_LOG(osg::LOG_WARNING, "Refused event frame: %u bytes, more than the %zu allowed\n",
-                  size, maxFrameSize());
+        LIRRA_LOG_LIMITED(osg::LOG_WARNING,
+                          "Refused event frame: %u bytes, more than the %zu allowed\n", size,
+                          maxFrameSize());
         return false;
     }
     // Grown as the bytes arrive: a peer that announces a large frame and sends little of it
@@ -165,12 +196,21 @@ bool Event::receive(Receiver* from, Event*& event) {
     constexpr size_t kChunk = 64 * 1024;
     thread_local std::vector<uint8_t> body;
     body.clear();
+    // A large frame's room is given back afterwards, whatever happened to it.
+    struct Trim {
+        std::vector<uint8_t>& buffer;
+        ~Trim() { release(buffer); }
+    } trim{body};
     while (body.size() < size) {
         const size_t at = body.size();
         body.resize(at + std::min<size_t>(kChunk, size - at));
         if (!from->readExact(body.data() + at, body.size() - at))
             return false;
     }
+    struct FromPeer {
+        FromPeer() { fromPeer = true; }
+        ~FromPeer() { fromPeer = false; }
+    } peer;
     event = decode(body.data(), size);
     return event != nullptr;
 }

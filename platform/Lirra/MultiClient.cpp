@@ -1,5 +1,6 @@
 #include "Lirra/MultiClient.h"
 
+#include <algorithm>
 #include <map>
 
 #include "Lirra/Log.h"
@@ -58,7 +59,7 @@ struct MultiClient::Impl {
             if (server.named)
                 connect(endpoint);
         retryTimer.expires_after(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(std::max(0.05, owner._retry))));
+            std::chrono::duration<double>(std::clamp(owner._retry.load(), kMinRetry, kMaxRetry))));
         retryTimer.async_wait([this](boost::system::error_code ec) {
             if (!ec)
                 retry();
@@ -168,6 +169,16 @@ bool MultiClient::disconnectFromServer(const std::string& host, unsigned short p
             c->close();
         _impl->servers.erase(it);
     });
+    return true;
+}
+
+bool MultiClient::setRetryInterval(double seconds) {
+    if (!(seconds >= kMinRetry && seconds <= kMaxRetry)) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a retry interval of %g s: from %g to %g s\n", seconds,
+                  kMinRetry, kMaxRetry);
+        return false;
+    }
+    _retry = seconds;
     return true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -35,16 +36,19 @@ public:
     // Discovery through the multicast group.
     bool discover() const { return _discover; }
     void setDiscover(bool discover) { _discover = discover; }
-    // Seconds between attempts to reach a named server that is down.
+    // Seconds between attempts to reach a named server that is down: from 0.05 to 3600. False,
+    // with a log line and the interval unchanged, for any other value.
     double retryInterval() const { return _retry; }
-    void setRetryInterval(double seconds) { _retry = seconds; }
+    bool setRetryInterval(double seconds);
+    static constexpr double kMinRetry = 0.05;
+    static constexpr double kMaxRetry = 3600;
 
 private:
     struct Impl;
     std::unique_ptr<detail::NetworkThread> _thread;
     std::unique_ptr<Impl> _impl;
     bool _discover = true;
-    double _retry = 3.0;
+    std::atomic<double> _retry{3.0};
 };
 
 }  // namespace Lirra

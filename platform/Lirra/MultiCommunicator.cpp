@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <thread>
 
 #include "Lirra/Connection.h"
+#include "Lirra/Log.h"
 
 namespace Lirra {
 
@@ -127,6 +129,65 @@ bool MultiCommunicator::waitForInput(double seconds) {
     };
     _hub->ready.wait_for(lock, std::chrono::duration<double>(seconds), ready);
     return !_broken && ready();
+}
+
+size_t MultiCommunicator::receiveBudget() const {
+    return _hub->budget.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setReceiveBudget(size_t bytes) {
+    _hub->budget.store(bytes, std::memory_order_relaxed);
+}
+
+size_t MultiCommunicator::receiveHeld() const {
+    return _hub->held.load(std::memory_order_relaxed);
+}
+
+double MultiCommunicator::idleLimit() const {
+    return _hub->idleLimit.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setIdleLimit(double seconds) {
+    if (!(seconds >= 0) || seconds > kMaxSeconds) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored an idle limit of %g s: from 0 to %g s\n", seconds,
+                  kMaxSeconds);
+        return;
+    }
+    _hub->idleLimit.store(seconds, std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setFrameDeadline(double graceSeconds, double minBytesPerSecond) {
+    if (!(graceSeconds >= 0.01) || graceSeconds > kMaxSeconds || !(minBytesPerSecond >= 1) ||
+        !std::isfinite(minBytesPerSecond)) {
+        LIRRA_LOG(osg::LOG_WARNING,
+                  "Ignored a frame deadline of %g s and %g bytes/s: from 0.01 to %g s, at "
+                  "least 1 byte/s\n",
+                  graceSeconds, minBytesPerSecond, kMaxSeconds);
+        return;
+    }
+    _hub->frameGrace.store(graceSeconds, std::memory_order_relaxed);
+    _hub->frameMinRate.store(minBytesPerSecond, std::memory_order_relaxed);
+}
+
+double MultiCommunicator::frameGrace() const {
+    return _hub->frameGrace.load(std::memory_order_relaxed);
+}
+
+double MultiCommunicator::frameMinRate() const {
+    return _hub->frameMinRate.load(std::memory_order_relaxed);
+}
+
+double MultiCommunicator::keepAliveInterval() const {
+    return _hub->keepAlive.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setKeepAliveInterval(double seconds) {
+    if (!(seconds >= 0.01) || seconds > kMaxSeconds) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a keep-alive interval of %g s: from 0.01 to %g s\n",
+                  seconds, kMaxSeconds);
+        return;
+    }
+    _hub->keepAlive.store(seconds, std::memory_order_relaxed);
 }
 
 size_t MultiCommunicator::size() const {

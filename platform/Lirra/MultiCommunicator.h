@@ -51,6 +51,30 @@ public:
     size_t sendLimit() const { return _sendLimit; }
     void setSendLimit(size_t bytes) { _sendLimit = bytes; }
 
+    // Received bytes not yet read, over all connections of the set: a frame whose announced
+    // length would take them past this is refused and its connection dropped.
+    size_t receiveBudget() const;
+    void setReceiveBudget(size_t bytes);
+    // What counts against the budget now: frames received and not yet read, and the announced
+    // length of the frames under way.
+    size_t receiveHeld() const;
+    // A handshaken connection from which nothing arrives for this long is dropped; 0 for no
+    // limit. Values outside 0 to a day are ignored with a log line, like those below.
+    double idleLimit() const;
+    void setIdleLimit(double seconds);
+    // A frame must complete within graceSeconds plus its length at minBytesPerSecond from its
+    // first byte, or its connection is dropped.
+    void setFrameDeadline(double graceSeconds, double minBytesPerSecond);
+    double frameGrace() const;
+    double frameMinRate() const;
+    // Every connection that has sent nothing for this long sends a keep-alive (0.01 s and
+    // more).
+    double keepAliveInterval() const;
+    void setKeepAliveInterval(double seconds);
+
+    // The longest time any of the settings above takes.
+    static constexpr double kMaxSeconds = 86400;
+
 protected:
     std::shared_ptr<detail::Hub> hub() const { return _hub; }
 

@@ -1,5 +1,8 @@
 #include "Lirra/MultiServer.h"
 
+#include <algorithm>
+#include <cerrno>
+
 #include "Lirra/Log.h"
 
 #include "Lirra/Connection.h"
@@ -10,25 +13,89 @@ using asio::ip::udp;
 
 namespace Lirra {
 
+namespace {
+
+// The system is short of descriptors or memory: accepting again at once would only spin.
+bool outOfResources(const boost::system::error_code& ec) {
+    return ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space ||
+           ec == asio::error::no_memory ||
+           ec == boost::system::error_code(ENFILE, boost::system::system_category());
+}
+
+constexpr auto kFirstBackoff = std::chrono::milliseconds(50);
+constexpr auto kLastBackoff = std::chrono::seconds(1);
+
+}  // namespace
+
 // The parts that live on the network thread.
 struct MultiServer::Impl {
     Impl(MultiServer& owner, asio::io_context& io)
-        : owner(owner), acceptor(io), announcer(io), timer(io) {}
+        : owner(owner), acceptor(io), announcer(io), timer(io), acceptTimer(io) {}
 
     void accept() {
         acceptor.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
             if (ec == asio::error::operation_aborted || !acceptor.is_open())
                 return;
-            if (!ec) {
-                auto connection = std::make_shared<detail::Connection>(
-                    std::move(socket), owner.hub(), owner.sendLimit());
-                // Handed over once its preamble has arrived.
-                connection->start([this](const std::shared_ptr<detail::Connection>& c) {
-                    if (!closed)
-                        owner.addCommunicator(new Communicator(c));
-                });
+            if (ec && outOfResources(ec))
+                return backOff(ec);
+            if (starved) {
+                starved = false;
+                LIRRA_LOG(osg::LOG_WARNING, "Accepting clients on port %u again\n",
+                          owner._listeningPort);
             }
+            if (!ec)
+                admit(std::move(socket));
             accept();
+        });
+    }
+
+    void backOff(const boost::system::error_code& ec) {
+        if (!starved) {
+            starved = true;
+            backoff = kFirstBackoff;
+            LIRRA_LOG(osg::LOG_WARNING,
+                      "Cannot accept clients on port %u: %s; trying again from time to time\n",
+                      owner._listeningPort, ec.message().c_str());
+        } else {
+            backoff = std::min<std::chrono::steady_clock::duration>(2 * backoff, kLastBackoff);
+        }
+        acceptTimer.expires_after(backoff);
+        acceptTimer.async_wait([this](boost::system::error_code waited) {
+            if (!waited && acceptor.is_open())
+                accept();
+        });
+    }
+
+    void admit(tcp::socket socket) {
+        auto connection =
+            std::make_shared<detail::Connection>(std::move(socket), owner.hub(), owner.sendLimit());
+        const size_t cap = owner.maxConnections();
+        if (connections >= cap) {
+            // The preamble first, so that the client takes the goodbye for a Kelo server's.
+            LIRRA_LOG_LIMITED(osg::LOG_WARNING,
+                              "Refused client %s: too many clients (%zu connected)\n",
+                              connection->peer().c_str(), connections);
+            connection->write(detail::kPreamble, sizeof detail::kPreamble);
+            connection->refuse("too many clients (" + std::to_string(connections) + " connected)");
+            return;
+        }
+        ++connections;
+        if (connections >= cap && !full) {
+            full = true;
+            LIRRA_LOG(osg::LOG_WARNING,
+                      "Reached the limit of %zu client connections on port %u: more clients are "
+                      "refused until some leave\n",
+                      cap, owner._listeningPort);
+        }
+        connection->onEnded([this] {
+            --connections;
+            if (connections < owner.maxConnections())
+                full = false;
+        });
+        // Handed over once its preamble has arrived.
+        connection->start([this](const std::shared_ptr<detail::Connection>& c) {
+            if (!closed)
+                owner.addCommunicator(new Communicator(c));
         });
     }
 
@@ -41,8 +108,11 @@ struct MultiServer::Impl {
                 local = asio::ip::make_address(owner.interface().toString(), ec);
             if (!ec && !announcer.is_open())
                 announcer.open(group.is_v6() ? udp::v6() : udp::v4(), ec);
+            const int ttl = owner.ttl();
+            if (!ec && (ttl < 0 || ttl > 255))
+                ec = asio::error::invalid_argument;
             if (!ec)
-                announcer.set_option(asio::ip::multicast::hops(owner.ttl()), ec);
+                announcer.set_option(asio::ip::multicast::hops(ttl), ec);
             if (!ec && local.is_v4() && !local.to_v4().is_unspecified())
                 announcer.set_option(asio::ip::multicast::outbound_interface(local.to_v4()), ec);
             if (!ec)
@@ -65,6 +135,11 @@ struct MultiServer::Impl {
     tcp::acceptor acceptor;
     udp::socket announcer;
     asio::steady_timer timer;
+    asio::steady_timer acceptTimer;
+    std::chrono::steady_clock::duration backoff{kFirstBackoff};
+    size_t connections = 0;  // open client sockets, handshaking ones included
+    bool full = false;       // the cap was reached and logged
+    bool starved = false;    // accepting fails for want of descriptors
     bool announcing = false;
     bool warned = false;
     bool closed = false;  // no more clients are handed over
@@ -72,7 +147,9 @@ struct MultiServer::Impl {
 
 MultiServer::MultiServer(int)
     : _thread(std::make_unique<detail::NetworkThread>()),
-      _impl(std::make_unique<Impl>(*this, _thread->io())) {}
+      _impl(std::make_unique<Impl>(*this, _thread->io())) {
+    setIdleLimit(kDefaultIdleLimit);
+}
 
 MultiServer::~MultiServer() {
     MultiServer::close();
@@ -116,6 +193,19 @@ void MultiServer::startAnnouncing() {
     });
 }
 
+size_t MultiServer::maxConnections() const {
+    return _maxConnections.load(std::memory_order_relaxed);
+}
+
+bool MultiServer::setMaxConnections(size_t count) {
+    if (count == 0) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a limit of 0 client connections: at least 1\n");
+        return false;
+    }
+    _maxConnections.store(count, std::memory_order_relaxed);
+    return true;
+}
+
 void MultiServer::close() {
     // Stop accepting and announcing on the network thread, and wait until it has.
     if (_impl)
@@ -123,6 +213,7 @@ void MultiServer::close() {
             boost::system::error_code ignored;
             _impl->closed = true;
             _impl->acceptor.close(ignored);
+            _impl->acceptTimer.cancel();
             _impl->timer.cancel();
             _impl->announcer.close(ignored);
         });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -14,7 +15,8 @@ class NetworkThread;
 
 // Accepts connections from any number of clients and announces itself on a multicast group.
 // New connections arrive through addCommunicator() on the network thread, once the client has
-// answered with a Kelo preamble.
+// answered with a Kelo preamble; a subclass that overrides it calls close() in its own
+// destructor, so that no client is handed over to a half-destroyed object.
 class MultiServer : public MultiCommunicator, public Multicast {
 public:
     // kind is kept for the interface's sake; there is one kind of server.
@@ -33,6 +35,16 @@ public:
     unsigned short listeningPort() const { return _listeningPort; }
     const std::string& listeningHost() const { return _listeningHost; }
 
+    // Client connections held at once, handshaking ones included; one more is sent a goodbye
+    // and closed. The cap reached is logged once, and again after it was left. At least 1:
+    // false, with a log line and the cap unchanged, for 0.
+    size_t maxConnections() const;
+    bool setMaxConnections(size_t count);
+
+    static constexpr size_t kDefaultMaxConnections = 64;
+    // The idle limit of MultiCommunicator as a server sets it.
+    static constexpr double kDefaultIdleLimit = 30;
+
     bool flag() const { return _flag; }
     void setFlag(bool flag) { _flag = flag; }
 
@@ -44,6 +56,7 @@ private:
     std::string _listeningHost;
     bool _flag = false;
     bool _announce = false;
+    std::atomic<size_t> _maxConnections{kDefaultMaxConnections};
 };
 
 }  // namespace Lirra

@@ -2,10 +2,21 @@
 
 #include <cstring>
 
+#include "Lirra/Log.h"
+
 namespace Lirra {
 
 namespace {
 constexpr uint8_t kMagic[8] = {'K', 'E', 'L', 'O', 1, 0, 0, 0};
+}
+
+bool Multicast::setTtl(int ttl) {
+    if (ttl < 0 || ttl > 255) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a multicast time-to-live of %d: from 0 to 255\n", ttl);
+        return false;
+    }
+    store(_ttl, ttl);
+    return true;
 }
 
 std::vector<uint8_t> Multicast::encodeAnnouncement(unsigned short port, int16_t id) {

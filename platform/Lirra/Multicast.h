@@ -25,7 +25,8 @@ public:
     unsigned short port() const { return read(_port); }
     void setPort(unsigned short port) { store(_port, port); }
     int ttl() const { return read(_ttl); }
-    void setTtl(int ttl) { store(_ttl, ttl); }
+    // From 0 to 255; false, with a log line and the time-to-live unchanged, for any other value.
+    bool setTtl(int ttl);
     // The local interface's address; 0.0.0.0 lets the system choose.
     InetAddress interface() const { return read(_interface); }
     void setInterface(const InetAddress& address) { store(_interface, address); }
