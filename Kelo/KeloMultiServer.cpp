@@ -13,8 +13,7 @@ KeloMultiServer::~KeloMultiServer() {
 bool KeloMultiServer::addCommunicator(Lirra::Communicator* connection) {
     if (!connection)
         return false;
-    _server->clientConnected(connection);
-    return true;
+    return _server->clientConnected(connection);
 }
 
 bool KeloMultiServer::join(Lirra::Communicator* connection) {

@@ -1,6 +1,9 @@
 #include "Kelo/Server.h"
 
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
+#include <exception>
 
 #include "Kelo/CommandEvent.h"
 #include "Kelo/CreateEmitterEvent.h"
@@ -15,6 +18,7 @@
 #include "Kelo/SourceDurationEvent.h"
 #include "Kelo/SourceParamEvent.h"
 #include "Kelo/TransformEvent.h"
+#include "Lirra/Communicator.h"
 
 namespace Kelo {
 
@@ -73,26 +77,39 @@ int Server::receive(bool block) {
     _communicator->communicatorsAvail(waiting);
     if (waiting == 0 && !block)
         return 0;
-    for (;;) {
+    // Only a non-blocking call is bounded: a blocking one runs on a thread of its own.
+    const int maxEvents = block ? 0 : _receiveBatchEvents;
+    const bool timed = !block && _receiveBatchSeconds > 0;
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                              std::chrono::duration<double>(timed ? _receiveBatchSeconds : 0));
+    for (unsigned turn = 1;; ++turn) {
+        bool heavy = false;  // a reset rebuilds the world: the clock is read after each
         Lirra::Communicator* client = nullptr;
         if (!_communicator->receiveCommunicator(client))
             break;
         Lirra::Event* event = nullptr;
         if (!Lirra::Event::receive(client, event) || !event) {
-            KELO_LOG(osg::LOG_FATAL, "Kelo::Server lost client\n");
-            _communicator->removeCommunicator(client);
-            if (client)
-                client->close();
-            delete client;
+            KELO_LOG_LIMITED(osg::LOG_FATAL, "Kelo::Server lost client\n");
+            dropClient(client);
         } else {
-            if (auto* command = dynamic_cast<CommandEvent*>(event))
+            if (auto* command = dynamic_cast<CommandEvent*>(event)) {
+                _sender = client;
+                heavy = command->command() == ResetWorld;
                 dispatchEvent(command);
-            else
-                KELO_LOG(osg::LOG_FATAL,
-                         "Kelo::Server got Lirra::Event which is not a Kelo::Event\n");
+                _sender = nullptr;
+            } else {
+                KELO_LOG_LIMITED(osg::LOG_FATAL,
+                                 "Kelo::Server got Lirra::Event which is not a Kelo::Event\n");
+            }
             delete event;
             ++handled;
         }
+        if (maxEvents > 0 && handled >= maxEvents)
+            break;
+        // The clock is read every few events: it costs about as much as a small event.
+        if (timed && (heavy || turn % 8 == 0) && std::chrono::steady_clock::now() >= deadline)
+            break;
         _communicator->communicatorsAvail(waiting);
         if (!block && waiting == 0)
             break;
@@ -101,11 +118,42 @@ int Server::receive(bool block) {
     return handled;
 }
 
+void Server::setReceiveBatch(int maxEvents, double maxSeconds) {
+    _receiveBatchEvents = maxEvents > 0 ? maxEvents : 0;
+    // Beyond an hour a slice is no bound at all (and would overflow the clock's arithmetic).
+    _receiveBatchSeconds =
+        std::isfinite(maxSeconds) && maxSeconds > 0 && maxSeconds <= 3600 ? maxSeconds : 0;
+}
+
+void Server::dropClient(Lirra::Communicator* client) {
+    _communicator->removeCommunicator(client);
+    {
+        std::lock_guard<std::mutex> lock(_clientsMutex);
+        _peers.erase(client);
+    }
+    if (client == _sceneOwner)
+        _sceneOwner = nullptr;  // its scene stays, but nobody is left to miss it
+    if (client)
+        client->close();
+    delete client;
+}
+
+void Server::takeScene() {
+    if (_sender && _sceneOwner && _sceneOwner != _sender)
+        KELO_LOG_LIMITED(osg::LOG_WARNING,
+                         "Kelo::Server: client %s reset the world, replacing the scene of "
+                         "client %s\n",
+                         _sender->peer().c_str(), _sceneOwnerPeer.c_str());
+    _sceneOwner = _sender;
+    _sceneOwnerPeer = _sender ? _sender->peer() : std::string();
+}
+
 bool Server::dispatchEvent(CommandEvent* event) {
     const int id = event->id();
     bool applied = false;
     switch (event->command()) {
         case ResetWorld:
+            takeScene();
             reset();
             applied = true;
             break;
@@ -191,13 +239,14 @@ bool Server::dispatchEvent(CommandEvent* event) {
             }
             break;
         default:
-            KELO_LOG(osg::LOG_FATAL, "Unkown command ID: %d\n", event->command());
+            KELO_LOG_LIMITED(osg::LOG_FATAL, "Unkown command ID: %d\n", event->command());
     }
     if (applied && (event->command() == ResetWorld || event->command() == DestroySource))
         forgetGoneSources();
     if (!applied)
-        KELO_LOG(osg::LOG_FATAL, "Got invalid Event: %s/%d/%d/%d\n", event->type()->name().c_str(),
-                 event->command(), event->id(), event->stamp());
+        KELO_LOG_LIMITED(osg::LOG_FATAL, "Got invalid Event: %s/%d/%d/%d\n",
+                         event->type()->name().c_str(), event->command(), event->id(),
+                         event->stamp());
     return applied;
 }
 
@@ -223,18 +272,48 @@ void Server::setSourceDuration(Source& source) {
     e.send(_communicator.get());
 }
 
-void Server::clientConnected(Lirra::Communicator* client) {
-    // Under the lock, so that no playing time reported meanwhile can pass this client by.
-    std::lock_guard<std::mutex> lock(_durationMutex);
-    SourceDurationEvent e;
-    e.setCommand(SourceDuration);
-    e.setStamp(CommandEvent::kSenderStamp);
-    for (const auto& [id, duration] : _durations) {
-        e.setId(CommandEvent::wireId(id));
-        e.setDuration(duration);
-        e.send(client);
+bool Server::clientConnected(Lirra::Communicator* client) {
+    std::string holder;  // the client that an exclusive server keeps
+    {
+        std::lock_guard<std::mutex> lock(_clientsMutex);
+        if (_exclusive && !_peers.empty())
+            holder = _peers.begin()->second;
+        else
+            _peers[client] = client->peer();
     }
-    _communicator->join(client);
+    if (!holder.empty()) {
+        KELO_LOG_LIMITED(osg::LOG_WARNING,
+                         "Kelo::Server is exclusive: refused client %s while client %s is "
+                         "connected\n",
+                         client->peer().c_str(), holder.c_str());
+        client->refuse("the server is exclusive and client " + holder + " is connected");
+        delete client;
+        return false;
+    }
+    // This runs on the network thread: whatever goes wrong costs this client, not the thread.
+    try {
+        // Under the lock, so that no playing time reported meanwhile can pass this client by.
+        std::lock_guard<std::mutex> lock(_durationMutex);
+        SourceDurationEvent e;
+        e.setCommand(SourceDuration);
+        e.setStamp(CommandEvent::kSenderStamp);
+        for (const auto& [id, duration] : _durations) {
+            e.setId(CommandEvent::wireId(id));
+            e.setDuration(duration);
+            e.send(client);
+        }
+        if (_communicator->join(client))
+            return true;
+    } catch (const std::exception& e) {
+        KELO_LOG_LIMITED(osg::LOG_FATAL, "Kelo::Server could not take client %s: %s\n",
+                         client->peer().c_str(), e.what());
+    }
+    {
+        std::lock_guard<std::mutex> lock(_clientsMutex);
+        _peers.erase(client);
+    }
+    delete client;
+    return false;
 }
 
 void Server::forgetGoneSources() {
@@ -301,6 +380,25 @@ const std::string& Server::host() const {
 }
 size_t Server::clients() const {
     return _communicator->size();
+}
+
+void Server::setMaxClients(size_t count) {
+    _communicator->setMaxConnections(count);
+}
+size_t Server::maxClients() const {
+    return _communicator->maxConnections();
+}
+void Server::setReceiveBudget(size_t bytes) {
+    _communicator->setReceiveBudget(bytes);
+}
+size_t Server::receiveBudget() const {
+    return _communicator->receiveBudget();
+}
+void Server::setIdleLimit(double seconds) {
+    _communicator->setIdleLimit(seconds);
+}
+double Server::idleLimit() const {
+    return _communicator->idleLimit();
 }
 
 }  // namespace Kelo

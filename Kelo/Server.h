@@ -28,9 +28,11 @@ class SourceDataEvent;
 //
 // Its sources are made by the program that runs it: clients cannot create sources. A client's
 // reset (the first thing every client sends) empties the world, those sources included; a
-// program re-creates them by overriding resetWorld(). Either call
-// run() once, which receives on a thread of its own, or call receive(false) from the thread that
-// drives the world (with waitForEvents() to sleep until something arrives).
+// program re-creates them by overriding resetWorld(). The world holds one scene: a second
+// client's reset replaces the first one's (with a warning naming both), unless the server is
+// exclusive. Either call run() once, which receives on a thread of its own, or call
+// receive(false) from the thread that drives the world (with waitForEvents() to sleep until
+// something arrives, and setReceiveBatch() to keep a flood from taking the whole frame).
 class Server : public World {
 public:
     // Listens on every interface, on a port the system chooses.
@@ -44,8 +46,16 @@ public:
     void run();
     void receiveThread();
     // Reads and applies events; returns how many it handled. receive(false) handles what is
-    // waiting and returns; receive(true) keeps going until the server closes.
+    // waiting and returns (at most one batch, see setReceiveBatch); receive(true) keeps going
+    // until the server closes.
     int receive(bool block);
+    // Bounds one receive(false): it returns after maxEvents events or once maxSeconds have
+    // passed, whichever comes first, so that a client sending at full rate cannot keep the
+    // caller from its frame's other work. 0 leaves that bound off; both 0 (the default) drains
+    // everything waiting.
+    void setReceiveBatch(int maxEvents, double maxSeconds);
+    int receiveBatchEvents() const { return _receiveBatchEvents; }
+    double receiveBatchSeconds() const { return _receiveBatchSeconds; }
     // Sleeps until a client has sent something or the time is up; true when something waits.
     bool waitForEvents(double seconds);
     bool dispatchEvent(CommandEvent* event);
@@ -78,13 +88,35 @@ public:
     const std::string& localDataPrefix() const { return _localDataPrefix; }
     void setLocalDataPrefix(const std::string& prefix) { _localDataPrefix = prefix; }
 
-    // Network thread: a client has connected. It gets the known playing times, then joins.
-    void clientConnected(Lirra::Communicator* client);
+    // Exclusive: while a client is connected, any other is refused with a goodbye that names
+    // the reason, so that one application's scene cannot be replaced by another's. Off by
+    // default: a client's reset replaces the scene whoever made it.
+    void setExclusive(bool exclusive) { _exclusive = exclusive; }
+    bool exclusive() const { return _exclusive; }
+    // Client connections held at once, those still greeting included; one more is refused.
+    void setMaxClients(size_t count);
+    size_t maxClients() const;
+    // Received bytes that all clients together may have waiting to be read; a frame that
+    // would go beyond is refused and its client dropped.
+    void setReceiveBudget(size_t bytes);
+    size_t receiveBudget() const;
+    // Seconds without a byte from a client before it is dropped (0: never).
+    void setIdleLimit(double seconds);
+    double idleLimit() const;
+
+    // Network thread: a client has connected. It gets the known playing times, then joins,
+    // or is refused when the server is exclusive and has a client. Takes the client over: false
+    // when it was refused or could not be taken (and is gone).
+    bool clientConnected(Lirra::Communicator* client);
 
 private:
     void open(unsigned short port, const std::string& host);
     // Drops remembered playing times of sources that are gone. World's thread.
     void forgetGoneSources();
+    // A client is gone: it leaves the set and is deleted. World's thread.
+    void dropClient(Lirra::Communicator* client);
+    // A reset from the client being read replaces the scene another client made: say so.
+    void takeScene();
 
     std::unique_ptr<KeloMultiServer> _communicator;
     int64_t _received = 0;
@@ -95,6 +127,17 @@ private:
     // Playing times reported so far, by source id, for clients that connect later.
     std::mutex _durationMutex;
     std::map<int, float> _durations;
+    int _receiveBatchEvents = 0;
+    double _receiveBatchSeconds = 0;
+    std::atomic<bool> _exclusive{false};
+    // "address:port" of the clients that have joined, for the exclusive mode's refusals.
+    std::mutex _clientsMutex;
+    std::map<const Lirra::Communicator*, std::string> _peers;
+    // The client whose events are being applied (null: the application's own calls), and the
+    // client whose reset made the present scene. World's thread.
+    Lirra::Communicator* _sender = nullptr;
+    Lirra::Communicator* _sceneOwner = nullptr;
+    std::string _sceneOwnerPeer;
     // Copies for the accessors that hand out references.
     mutable Lirra::InetAddress _address, _interface;
 };

@@ -30,13 +30,26 @@ bool defaultDeviceOpens() {
 std::string chooseAudioOutput(const std::string& wavFile) {
     if (std::getenv("ALSOFT_CONF") || defaultDeviceOpens())
         return "";
-    const std::string wav = std::filesystem::absolute(wavFile).string();
-    writtenConf = (std::filesystem::temp_directory_path() /
-                   ("kelo-" + std::to_string(getpid()) + ".alsoft.conf"))
-                      .string();
-    std::ofstream(writtenConf) << "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
-                                  "frequency=44100\n[wave]\nfile="
-                               << wav << "\n";
+    std::string wav;
+    try {  // an unusable TMPDIR or working directory must not end the program
+        wav = std::filesystem::absolute(wavFile).string();
+        writtenConf = (std::filesystem::temp_directory_path() /
+                       ("kelo-" + std::to_string(getpid()) + ".alsoft.conf"))
+                          .string();
+    } catch (const std::filesystem::filesystem_error& e) {
+        std::fprintf(stderr, "Cannot arrange rendering into %s: %s\n", wavFile.c_str(), e.what());
+        writtenConf.clear();
+        return "";
+    }
+    std::ofstream conf(writtenConf);
+    conf << "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
+            "frequency=44100\n[wave]\nfile="
+         << wav << "\n";
+    if (!conf.flush()) {
+        std::fprintf(stderr, "Cannot write %s\n", writtenConf.c_str());
+        forgetAudioOutput();
+        return "";
+    }
     setenv("ALSOFT_CONF", writtenConf.c_str(), 1);
     return wav;
 }

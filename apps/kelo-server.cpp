@@ -1,17 +1,28 @@
 // The sound server: holds the sounds it was given, renders what client applications do with
 // them (through "openal" unless told otherwise), and makes itself known on a multicast group.
 #include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include <Kelo/BackendFactory.h>
 #include <Kelo/Server.h>
-#include <Lirra/Multicast.h>
 #include <Kelo/Source.h>
+#include <Lirra/InetAddress.h>
+#include <Lirra/Multicast.h>
+#include <Lirra/URL.h>
+#include <Parmel/ParamLine.h>
 #include <osg/Log.h>
 
 #include "AudioOutput.h"
@@ -24,9 +35,19 @@ void stop(int) {
     stopping = true;
 }
 
+// The main loop hands the world to its backends about 90 times a second. Events are applied in
+// batches well under one frame, so that a client sending at full rate cannot stall the frames.
+constexpr double kFrameSeconds = 1.0 / 90;
+constexpr int kBatchEvents = 20000;
+constexpr double kBatchSeconds = 0.004;
+
 struct Sound {
     int id;
     std::string location;  // a path or URL
+};
+
+struct Backend {
+    std::string type, params;
 };
 
 // A client's reset empties the world; this server then puts its own sounds back, with their
@@ -53,7 +74,7 @@ public:
                 source->setDataFromURL(sound.location);
             } catch (const std::exception& e) {
                 std::fprintf(stderr, "kelo-server: sound %d: %s: %s\n", sound.id,
-                             sound.location.c_str(), e.what());
+                             Lirra::URLImpl::withoutUserInfo(sound.location).c_str(), e.what());
                 return false;
             }
         }
@@ -64,107 +85,311 @@ private:
     std::vector<Sound> _sounds;
 };
 
+// What is wrong with one option; main prints it and exits with 2.
+class BadOption : public std::runtime_error {
+public:
+    BadOption(const std::string& option, const std::string& problem)
+        : std::runtime_error(option + ": " + problem) {}
+};
+
+// A value as it appears in a message: quoted, shortened, control characters escaped.
+std::string shown(const std::string& text) {
+    std::string out = "\"";
+    for (size_t i = 0; i < text.size() && i < 64; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            out += escaped;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + (text.size() > 64 ? "...\"" : "\"");
+}
+
+// A whole number in low..high: digits with an optional sign, nothing else, no overflow.
+long long integerIn(const std::string& option, const std::string& text, long long low,
+                    long long high) {
+    const size_t digits = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+    if (text.size() == digits || text.find_first_not_of("0123456789", digits) != std::string::npos)
+        throw BadOption(option, shown(text) + " is not a whole number");
+    errno = 0;
+    const long long value = std::strtoll(text.c_str(), nullptr, 10);
+    if (errno == ERANGE || value < low || value > high)
+        throw BadOption(option, (text.size() > 24 ? shown(text) : text) + " is not in " +
+                                    std::to_string(low) + ".." + std::to_string(high));
+    return value;
+}
+
+// A finite decimal number in low..high.
+double numberIn(const std::string& option, const std::string& text, double low, double high) {
+    char* end = nullptr;
+    const double value = text.empty() || std::isspace(static_cast<unsigned char>(text[0]))
+                             ? NAN
+                             : std::strtod(text.c_str(), &end);
+    if (!end || *end != '\0' || !std::isfinite(value))
+        throw BadOption(option, shown(text) + " is not a number");
+    if (value < low || value > high) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g..%g", low, high);
+        throw BadOption(option, (text.size() > 24 ? shown(text) : text) + " is not in " + range);
+    }
+    return value;
+}
+
+std::string numericAddress(const std::string& option, const std::string& text) {
+    if (!Lirra::InetAddress(text).valid())
+        throw BadOption(option, shown(text) + " is not a numeric IPv4 or IPv6 address");
+    return text;
+}
+
+// Everything the options ask for, checked before anything is started.
+struct Settings {
+    std::vector<Sound> sounds;
+    std::vector<Backend> backends;
+    std::string id, host, group, interface, wav;
+    unsigned short port = 0, groupPort = 0;
+    int ttl = 1, logLevel = osg::LOG_WARNING;
+    bool noMulticast = false, exclusive = false;
+    // Zero, or below zero for the idle limit: the library's default.
+    size_t maxClients = 0, receiveBudget = 0;
+    double idleLimit = -1;
+};
+
+struct Texts {
+    std::vector<std::string> backends{"openal"}, sounds;
+    std::string id, host, port = "0", group = Lirra::Multicast::kDefaultGroup,
+                          groupPort = std::to_string(Lirra::Multicast::kDefaultPort), ttl = "1",
+                          interface = "0.0.0.0", logLevel, wav = "kelo-server.wav", maxClients,
+                          receiveBudget, idleLimit;
+    bool noMulticast = false, exclusive = false;
+};
+
+Settings check(const Texts& in) {
+    Settings out;
+    std::set<int> ids;
+    for (const std::string& text : in.sounds) {
+        const size_t equals = text.find('=');
+        if (equals == std::string::npos || equals + 1 == text.size())
+            throw BadOption(
+                "--sound", shown(Lirra::URLImpl::withoutUserInfo(text)) + " is not ID=PATH_OR_URL");
+        const std::string idText = text.substr(0, equals);
+        // Source ids travel as signed 16-bit numbers.
+        const int id = static_cast<int>(integerIn("--sound", idText, -32768, 32767));
+        if (id == 0)
+            throw BadOption("--sound", "the id must not be 0 (it asks for a new id)");
+        if (!ids.insert(id).second)
+            throw BadOption("--sound", "id " + idText + " is given twice");
+        out.sounds.push_back({id, text.substr(equals + 1)});
+    }
+    for (const std::string& text : in.backends) {
+        const size_t colon = text.find(':');
+        Backend backend{text.substr(0, colon),
+                        colon == std::string::npos ? "" : text.substr(colon + 1)};
+        if (!Kelo::BackendFactory::findBackendType(backend.type == "default" ? std::string("openal")
+                                                                             : backend.type))
+            throw BadOption("--backend", shown(backend.type) + " is not a backend type");
+        try {
+            Parmel::ParamLine().setParamLine(backend.params.c_str());
+        } catch (const Parmel::ParseError& e) {
+            throw BadOption("--backend", "the parameters of " + backend.type + ": " + e.what());
+        }
+        out.backends.push_back(std::move(backend));
+    }
+    out.id = in.id;
+    if (out.id.size() > 255)
+        throw BadOption("--id", "longer than 255 characters");
+    // A number is taken as the id itself (what precedes any other character): it must fit.
+    const size_t sign = !out.id.empty() && (out.id[0] == '-' || out.id[0] == '+') ? 1 : 0;
+    const size_t digits = out.id.find_first_not_of("0123456789", sign);
+    if ((digits == std::string::npos ? out.id.size() : digits) > sign)
+        integerIn("--id", out.id.substr(0, digits), -32768, 32767);
+    out.host = in.host.empty() ? in.host : numericAddress("--host", in.host);
+    out.port = static_cast<unsigned short>(integerIn("--port", in.port, 0, 65535));
+    out.group = numericAddress("--group", in.group);
+    if (!Lirra::InetAddress(out.group).isMulticast())
+        throw BadOption("--group", in.group + " is not a multicast address");
+    out.groupPort = static_cast<unsigned short>(integerIn("--group-port", in.groupPort, 1, 65535));
+    out.ttl = static_cast<int>(integerIn("--ttl", in.ttl, 0, 255));
+    out.interface = numericAddress("--interface", in.interface);
+    if (Lirra::InetAddress(out.interface).isMulticast())
+        throw BadOption("--interface", in.interface + " is a multicast address, not a local one");
+    if (!in.logLevel.empty())
+        out.logLevel = static_cast<int>(integerIn("--log-level", in.logLevel, 0, 3));
+    else
+        out.logLevel = osg::Log::the().level();
+    // It goes into a configuration file, one line.
+    if (in.wav.empty() || in.wav.find_first_of("\r\n") != std::string::npos)
+        throw BadOption("--wav", shown(in.wav) + " is not a file name");
+    out.wav = in.wav;
+    out.noMulticast = in.noMulticast;
+    out.exclusive = in.exclusive;
+    if (!in.maxClients.empty())
+        out.maxClients = static_cast<size_t>(integerIn("--max-clients", in.maxClients, 1, 10000));
+    if (!in.receiveBudget.empty())
+        out.receiveBudget =
+            static_cast<size_t>(integerIn("--receive-budget", in.receiveBudget, 1, 65536)) << 20;
+    if (!in.idleLimit.empty()) {
+        out.idleLimit = numberIn("--idle-limit", in.idleLimit, 0, 86400);
+        // Clients send a keep-alive every 5 s: a shorter limit would drop well-behaved ones.
+        if (out.idleLimit > 0 && out.idleLimit < 10)
+            throw BadOption("--idle-limit", in.idleLimit + " is not 0 and not in 10..86400");
+    }
+    return out;
+}
+
+bool wantsOpenAL(const std::vector<Backend>& backends) {
+    for (const Backend& backend : backends)
+        if (backend.type == "openal" || backend.type == "default")
+            return true;
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Kelo sound server: renders the sound scenes that client applications send."};
-    std::vector<std::string> backends{"openal"};
-    std::vector<std::string> soundTexts;
-    std::string id, host, group = Lirra::Multicast::kDefaultGroup, interface = "0.0.0.0";
-    std::string wav = "kelo-server.wav";
-    unsigned short port = 0, groupPort = Lirra::Multicast::kDefaultPort;
-    int ttl = 1, logLevel = osg::Log::the().level();
-    bool noMulticast = false;
-    app.add_option("-b,--backend", backends,
+    Texts in;
+    app.add_option("-b,--backend", in.backends,
                    "Backend as TYPE or TYPE:PARAMETERS (repeatable), e.g. \"log\" or "
                    "\"openal:labels=front\"")
+        ->type_name("TYPE[:PARAMETERS]")
         ->capture_default_str();
-    app.add_option("-s,--sound", soundTexts,
-                   "A sound as ID=PATH_OR_URL (repeatable); clients use it by that source id");
-    app.add_option("--id", id, "Server id announced to clients (a number, or any text)");
-    app.add_option("--host", host, "Address to listen on (default: every interface)");
-    app.add_option("-p,--port", port, "Port to listen on (default: chosen by the system)");
-    app.add_option("--group", group, "Multicast group to announce on")->capture_default_str();
-    app.add_option("--group-port", groupPort, "Port of the multicast group")->capture_default_str();
-    app.add_option("--ttl", ttl, "Time-to-live of the announcements")->capture_default_str();
-    app.add_option("--interface", interface, "Local address that announcements leave by")
+    app.add_option("-s,--sound", in.sounds,
+                   "A sound as ID=PATH_OR_URL (repeatable); clients use it by that source id "
+                   "(-32768..32767, not 0)")
+        ->type_name("ID=PATH_OR_URL");
+    app.add_option("--id", in.id, "Server id announced to clients (a number, or any text)")
+        ->type_name("ID");
+    app.add_option("--host", in.host, "Numeric address to listen on (default: every interface)")
+        ->type_name("ADDRESS");
+    app.add_option("-p,--port", in.port, "Port to listen on (0: chosen by the system)")
+        ->type_name("PORT")
         ->capture_default_str();
-    app.add_flag("--no-multicast", noMulticast, "Do not announce; clients must name this server");
-    app.add_option("--log-level", logLevel, "0 progress only, 1 errors, 2 warnings, 3 notices")
+    app.add_option("--group", in.group, "Multicast group to announce on")
+        ->type_name("ADDRESS")
         ->capture_default_str();
-    app.add_option("--wav", wav, "Where to render when there is no sound device")
+    app.add_option("--group-port", in.groupPort, "Port of the multicast group")
+        ->type_name("PORT")
         ->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
-
-    std::vector<Sound> sounds;
-    for (const std::string& text : soundTexts) {
-        const size_t equals = text.find('=');
-        char* end = nullptr;
-        const long soundId = equals == std::string::npos ? 0 : std::strtol(text.c_str(), &end, 10);
-        if (equals == std::string::npos || end != text.c_str() + equals || soundId == 0 ||
-            equals + 1 == text.size()) {
-            std::fprintf(stderr,
-                         "kelo-server: --sound wants ID=PATH_OR_URL with an id other "
-                         "than 0, not \"%s\"\n",
-                         text.c_str());
-            return 2;
-        }
-        sounds.push_back({static_cast<int>(soundId), text.substr(equals + 1)});
+    app.add_option("--ttl", in.ttl, "Time-to-live of the announcements (0..255)")
+        ->type_name("HOPS")
+        ->capture_default_str();
+    app.add_option("--interface", in.interface, "Local address that announcements leave by")
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    app.add_flag("--no-multicast", in.noMulticast,
+                 "Do not announce; clients must name this server");
+    app.add_option("--log-level", in.logLevel,
+                   "0 progress only, 1 errors, 2 warnings, 3 notices (default: 2, or "
+                   "KELO_LOG_LEVEL)")
+        ->type_name("LEVEL");
+    app.add_option("--wav", in.wav, "Where to render when there is no sound device")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_flag("--exclusive", in.exclusive,
+                 "Serve one client at a time: refuse others while one is connected");
+    app.add_option("--max-clients", in.maxClients,
+                   "Client connections held at once, 1..10000 (default: 64)")
+        ->type_name("N");
+    app.add_option("--receive-budget", in.receiveBudget,
+                   "MiB of received, unread data all clients together may hold, 1..65536 "
+                   "(default: 256)")
+        ->type_name("MiB");
+    app.add_option("--idle-limit", in.idleLimit,
+                   "Seconds of silence after which a client is dropped, 0 (never) or 10..86400 "
+                   "(default: 30)")
+        ->type_name("SECONDS");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0)  // --help
+            return app.exit(e);
+        std::fprintf(stderr, "kelo-server: %s\n", e.what());
+        return 2;
+    }
+    Settings settings;
+    try {
+        settings = check(in);
+    } catch (const BadOption& e) {
+        std::fprintf(stderr, "kelo-server: %s\n", e.what());
+        return 2;
     }
 
-    osg::Log::the().setLevel(logLevel);
-    const std::string rendering = chooseAudioOutput(wav);
+    osg::Log::the().setLevel(settings.logLevel);
+    const std::string rendering =
+        wantsOpenAL(settings.backends) ? chooseAudioOutput(settings.wav) : std::string();
 
-    SoundServer server(port, host, sounds);
+    SoundServer server(settings.port, settings.host, settings.sounds);
     if (!server.listening())
         return 1;
-    server.setId(id.c_str());
-    server.setMulticastAddress(Lirra::InetAddress(group));
-    server.setMulticastPort(groupPort);
-    server.setMulticastTtl(ttl);
-    server.setMulticastInterface(Lirra::InetAddress(interface));
-    server.setMulticastEnabled(!noMulticast);
-    for (const std::string& backend : backends) {
-        const size_t colon = backend.find(':');
-        const std::string type = backend.substr(0, colon);
-        const std::string params = colon == std::string::npos ? "" : backend.substr(colon + 1);
-        if (!server.addBackend(type.c_str(), params.c_str())) {
-            std::fprintf(stderr, "kelo-server: cannot create the backend \"%s\"\n", type.c_str());
+    server.setId(settings.id.c_str());
+    server.setMulticastAddress(Lirra::InetAddress(settings.group));
+    server.setMulticastPort(settings.groupPort);
+    server.setMulticastTtl(settings.ttl);
+    server.setMulticastInterface(Lirra::InetAddress(settings.interface));
+    server.setMulticastEnabled(!settings.noMulticast);
+    server.setExclusive(settings.exclusive);
+    if (settings.maxClients > 0)
+        server.setMaxClients(settings.maxClients);
+    if (settings.receiveBudget > 0)
+        server.setReceiveBudget(settings.receiveBudget);
+    if (settings.idleLimit >= 0)
+        server.setIdleLimit(settings.idleLimit);
+    server.setReceiveBatch(kBatchEvents, kBatchSeconds);
+    for (const Backend& backend : settings.backends) {
+        if (!server.addBackend(backend.type.c_str(), backend.params.c_str())) {
+            std::fprintf(stderr, "kelo-server: cannot create the backend \"%s\"\n",
+                         backend.type.c_str());
             server.clearWorld();
             server.deleteAllBackends();
+            forgetAudioOutput();
             return 1;
         }
     }
     if (!server.loadSounds()) {
         server.clearWorld();
         server.deleteAllBackends();
+        forgetAudioOutput();
         return 1;
     }
 
     std::signal(SIGINT, stop);
     std::signal(SIGTERM, stop);
     std::printf("kelo-server: listening on %s:%u", server.host().c_str(), server.port());
-    if (noMulticast)
+    if (settings.noMulticast)
         std::printf(", not announcing");
     else
-        std::printf(", announcing on %s:%u (ttl %d, interface %s) as server id %d", group.c_str(),
-                    groupPort, ttl, interface.c_str(), server.id());
+        std::printf(", announcing on %s:%u (ttl %d, interface %s) as server id %d",
+                    settings.group.c_str(), settings.groupPort, settings.ttl,
+                    settings.interface.c_str(), server.id());
+    if (settings.exclusive)
+        std::printf(", one client at a time");
     std::printf("\n");
     if (!rendering.empty())
         std::printf("kelo-server: no sound device; rendering into %s\n", rendering.c_str());
     std::fflush(stdout);
 
-    // One thread for the world, its backends and the network: receive what clients sent, then
-    // let the backends do their frame's work, about 90 times a second when idle.
+    // One thread for the world, its backends and the network: receive a batch of what clients
+    // sent, then let the backends do their frame's work, about 90 times a second when idle.
+    auto summaries = std::chrono::steady_clock::now();
     while (!stopping) {
-        server.waitForEvents(1.0 / 90);
+        server.waitForEvents(kFrameSeconds);
         server.receive(false);
         server.update();
+        // Messages held back by the log's limiters are counted once a second.
+        const auto now = std::chrono::steady_clock::now();
+        if (now - summaries >= std::chrono::seconds(1)) {
+            osg::LogLimiter::flushAll();
+            summaries = now;
+        }
     }
 
     server.clearWorld();
     server.deleteAllBackends();
     forgetAudioOutput();
+    osg::LogLimiter::flushAll(true);  // count what was held back until now, too
     std::printf("kelo-server: stopped after %lld events\n",
                 static_cast<long long>(server.receivedCount()));
     return 0;

@@ -1,0 +1,328 @@
+// The sound server under peers that misbehave or overdo it: events for emitters it lacks, a
+// full-rate flood that must not stop its frames, a second application replacing the first
+// one's scene, the exclusive mode, and kelo-server's bad options. All on loopback, bounded.
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <boost/asio.hpp>
+
+#include <Kelo/ClientBackend.h>
+#include <Kelo/Emitter.h>
+#include <Kelo/Server.h>
+#include <Kelo/TransformEvent.h>
+
+#include "support.h"
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+namespace {
+
+bool until(const std::function<bool()>& done, const std::function<void()>& step) {
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    for (; !done(); std::this_thread::sleep_for(1ms))
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        else
+            step();
+    return true;
+}
+
+// The log's texts, also those that network threads write while the test reads them.
+struct LogCapture {
+    explicit LogCapture(int level) : oldLevel(osg::Log::the().level()) {
+        osg::Log::the().setLevel(level);
+        oldSink = osg::Log::the().setSink([this](const osg::LogMessage& m) {
+            std::lock_guard<std::mutex> lock(mutex);
+            texts.push_back(m.text);
+        });
+    }
+    ~LogCapture() {
+        osg::Log::the().setSink(std::move(oldSink));
+        osg::Log::the().setLevel(oldLevel);
+    }
+    std::vector<std::string> all() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return texts;
+    }
+    std::vector<std::string> with(const std::string& part) {
+        std::vector<std::string> found;
+        for (const std::string& t : all())
+            if (t.find(part) != std::string::npos)
+                found.push_back(t);
+        return found;
+    }
+    size_t count(const std::string& part) { return with(part).size(); }
+    std::mutex mutex;
+    std::vector<std::string> texts;
+    int oldLevel;
+    osg::Log::Sink oldSink;
+};
+
+// One turn of kelo-server's loop: wait up to a frame for input, apply a batch, update.
+int frame(Kelo::Server& server) {
+    server.waitForEvents(1.0 / 90);
+    const int handled = server.receive(false);
+    server.update();
+    return handled;
+}
+
+struct Frames : Lirra::Sender {
+    bool write(const uint8_t* bytes, size_t n) override {
+        data.insert(data.end(), bytes, bytes + n);
+        return true;
+    }
+    std::vector<uint8_t> data;
+};
+
+// n moves of an emitter to x = first, first + 1 …, or plays of emitters first, first + 1 …
+std::vector<uint8_t> events(Kelo::Command command, int16_t emitter, int first, int n) {
+    Frames frames;
+    Kelo::TransformEvent e;
+    e.setCommand(command);
+    e.setStamp(Kelo::CommandEvent::kSenderStamp);
+    Kelo::CommandEvent play(command, 0);
+    play.setStamp(Kelo::CommandEvent::kSenderStamp);
+    for (int i = first; i < first + n; ++i) {
+        e.setId(emitter);
+        e.setPosition(osg::Vec3f(static_cast<float>(i), 0, 0));
+        play.setId(static_cast<int16_t>(i));
+        command == Kelo::SetEmitterTransform ? e.send(&frames) : play.send(&frames);
+    }
+    return frames.data;
+}
+
+// A peer that speaks the protocol by hand.
+struct RawPeer {
+    explicit RawPeer(unsigned short port) : socket(io) {
+        socket.connect({boost::asio::ip::make_address("127.0.0.1"), port});
+        boost::asio::write(socket, boost::asio::buffer("KELO\1\0\0\0", 8));
+    }
+    void send(const std::vector<uint8_t>& bytes) {
+        boost::asio::write(socket, boost::asio::buffer(bytes));
+    }
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::socket socket;
+};
+
+struct Server : Kelo::Server {
+    Server() : Kelo::Server(0, "127.0.0.1") { setMulticastEnabled(false); }
+    ~Server() override {
+        clearWorld();
+        deleteAllBackends();
+    }
+};
+
+struct App {
+    explicit App(const Kelo::Server& server) {
+        const std::string params = "servers=127.0.0.1:" + std::to_string(server.port());
+        client = static_cast<Kelo::ClientBackend*>(
+            world.addBackend("client", (params + " retry=0.05").c_str()));
+    }
+    ~App() {
+        world.clearWorld();
+        world.deleteAllBackends();
+    }
+    Kelo::World world;
+    Kelo::ClientBackend* client;
+};
+
+// First in this file: the log limiters are per call site and per process.
+TEST(HostileServer, EventsForUnknownEmittersDoNotFloodTheLog) {
+    Server server;
+    LogCapture log(osg::LOG_FATAL);
+    RawPeer peer(server.port());
+    peer.send(events(Kelo::PlayEmitter, 0, 100, 5000));
+    ASSERT_TRUE(until([&] { return server.receivedCount() == 5000; }, [&] { frame(server); }));
+    osg::LogLimiter::flushAll();
+    const auto texts = log.all();
+    ASSERT_FALSE(texts.empty());
+    EXPECT_EQ(texts.front(), "Got invalid Event: CommandEvent/36/100/3378\n");
+    // The first few, and at most one line summing up the rest.
+    EXPECT_LE(log.count("Got invalid Event"), size_t(osg::LogLimiter::kBurst));
+    EXPECT_LE(texts.size(), size_t(osg::LogLimiter::kBurst) + 1);
+}
+
+TEST(HostileServer, AFloodDoesNotStopTheFramesAndLosesNothing) {
+    Server server;
+    auto* frames = new KeloTest::RecordingBackend(server);
+    const int16_t id = Kelo::CommandEvent::wireId(server.createEmitter({}, 5)->id());
+    const int batch = 2000;
+    server.setReceiveBatch(batch, 0.004);
+    RawPeer peer(server.port());
+    // As fast as the socket takes it for a second and a half, then 50 000 a second for one.
+    std::atomic<int> sent{0};
+    std::atomic<bool> flooding{true};
+    std::thread flood([&] {
+        for (auto end = std::chrono::steady_clock::now() + 1500ms;
+             std::chrono::steady_clock::now() < end; sent += 1000)
+            peer.send(events(Kelo::SetEmitterTransform, id, sent, 1000));
+        flooding = false;
+    });
+    int turns = 0, most = 0;
+    for (; flooding; ++turns)
+        most = std::max(most, frame(server));
+    flood.join();
+    EXPECT_GE(frames->updates, 30);  // about 90 a second when idle, more under a flood
+    EXPECT_EQ(frames->updates, turns);
+    EXPECT_LE(most, batch);
+    for (int slice = 0; slice < 100; ++slice, sent += 500) {
+        peer.send(events(Kelo::SetEmitterTransform, id, sent, 500));
+        for (auto next = std::chrono::steady_clock::now() + 10ms;
+             std::chrono::steady_clock::now() < next;)
+            frame(server);
+    }
+    // Every move arrives, in order.
+    ASSERT_TRUE(until([&] { return server.receivedCount() == sent; }, [&] { frame(server); }));
+    EXPECT_EQ(server.getEmitter(id)->position(), osg::Vec3f(float(sent - 1), 0, 0));
+}
+
+TEST(HostileServer, ASecondClientsResetIsNamedInAWarning) {
+    Server server;
+    LogCapture log(osg::LOG_WARNING);
+    auto first = std::make_unique<App>(server);
+    auto second = std::make_unique<App>(server);
+    const int id = first->world.createEmitter()->id();
+    ASSERT_TRUE(until([&] { return server.getEmitter(id) != nullptr; },
+                      [&] {
+                          first->world.update();
+                          frame(server);
+                      }));
+    EXPECT_EQ(log.count("replacing the scene"), 0u);
+    ASSERT_TRUE(until([&] { return server.getEmitter(id) == nullptr; },
+                      [&] {
+                          second->world.update();
+                          frame(server);
+                      }));
+    ASSERT_EQ(log.count("replacing the scene"), 1u);
+    std::smatch peers;
+    const std::string warning = log.with("replacing the scene").front();
+    ASSERT_TRUE(std::regex_match(warning, peers,
+                                 std::regex("Kelo::Server: client (127.0.0.1:\\d+) reset the "
+                                            "world, replacing the scene of client "
+                                            "(127.0.0.1:\\d+)\n")))
+        << warning;
+    EXPECT_NE(peers[1], peers[2]);
+
+    // A scene whose client has gone is replaced without a word.
+    second.reset();
+    ASSERT_TRUE(until([&] { return server.clients() == 1; }, [&] { frame(server); }));
+    App third(server);
+    ASSERT_TRUE(until([&] { return server.clients() == 2; },
+                      [&] {
+                          third.world.update();
+                          frame(server);
+                      }));
+    for (int i = 0; i < 20; ++i)
+        frame(server);
+    EXPECT_EQ(log.count("replacing the scene"), 1u);
+}
+
+TEST(HostileServer, AnExclusiveServerRefusesASecondClient) {
+    Server server;
+    server.setExclusive(true);
+    server.setMaxClients(5);
+    server.setReceiveBudget(3u << 20);
+    server.setIdleLimit(12);
+    EXPECT_EQ(server.maxClients(), 5u);
+    EXPECT_EQ(server.receiveBudget(), 3u << 20);
+    EXPECT_EQ(server.idleLimit(), 12);
+    LogCapture log(osg::LOG_WARNING);
+    auto first = std::make_unique<App>(server);
+    Kelo::Emitter* e = first->world.createEmitter();
+    ASSERT_TRUE(until([&] { return server.getEmitter(e->id()) != nullptr; },
+                      [&] {
+                          first->world.update();
+                          frame(server);
+                      }));
+    App second(server);
+    second.world.createEmitter({}, 77);
+    auto pump = [&] {
+        if (first)
+            first->world.update();
+        second.world.update();
+        frame(server);
+    };
+    ASSERT_TRUE(until([&] { return log.count("closed by the peer") > 0; }, pump));
+    EXPECT_GE(log.count("Kelo::Server is exclusive: refused client 127.0.0.1:"), 1u);
+    EXPECT_GE(log.count("the server is exclusive and client 127.0.0.1:"), 1u);
+    // The first one goes on as before.
+    const osg::Vec3f p(1, 2, 3);
+    e->setTransform(&p, nullptr);
+    ASSERT_TRUE(until([&] { return server.getEmitter(e->id())->position() == p; }, pump));
+    EXPECT_EQ(server.clients(), 1u);
+    EXPECT_EQ(server.getEmitter(77), nullptr);
+    // Once it has gone, the next one gets in.
+    first.reset();
+    ASSERT_TRUE(until([&] { return server.getEmitter(77) != nullptr; }, pump));
+}
+
+#ifdef KELO_SERVER_PROGRAM
+// kelo-server's exit code and output (both streams); one that starts is stopped after 2 s.
+std::pair<int, std::string> run(const std::string& args) {
+    const std::string command = "timeout --preserve-status 2 " KELO_SERVER_PROGRAM
+                                " --host 127.0.0.1 --no-multicast " +
+                                args + " 2>&1";
+    FILE* out = popen(command.c_str(), "r");
+    std::string text;
+    char line[4096];
+    while (out && std::fgets(line, sizeof line, out))
+        text += line;
+    const int status = out ? pclose(out) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+}
+
+TEST(HostileServer, KeloServerRefusesBadOptionsBeforeStarting) {
+    for (const auto& [args, message] : std::vector<std::pair<std::string, std::string>>{
+             {"--ttl 256", "--ttl: 256 is not in 0..255"},
+             {"--ttl -5", "--ttl: -5 is not in 0..255"},
+             {"--ttl 1.5", "--ttl"},
+             {"--ttl", "--ttl"},
+             {"--sound 99999999999=x", "--sound: 99999999999 is not in -32768..32767"},
+             {"--sound 0=x", "--sound"},
+             {"--sound 4=", "--sound"},
+             {"-s 3=a.wav -s 3=b.wav", "--sound: id 3 is given twice"},
+             {"--port 70000", "--port: 70000 is not in 0..65535"},
+             {"--group-port 0", "--group-port"},
+             {"--group 10.1.2.3", "--group: 10.1.2.3 is not a multicast address"},
+             {"--interface eth0", "--interface"},
+             {"--log-level 9", "--log-level"},
+             {"--id 99999999999", "--id"},
+             {"-b nosuch", "--backend: \"nosuch\" is not a backend type"},
+             {"-b 'silent:labels=\"open'", "--backend"},
+             {"--max-clients 0", "--max-clients"},
+             {"--receive-budget 1e308", "--receive-budget"},
+             {"--idle-limit inf", "--idle-limit"},
+             {"--no-such-option", "--no-such-option"},
+         }) {
+        const auto [code, output] = run(args);
+        EXPECT_EQ(code, 2) << args;
+        // One line, and nothing started: no "listening on".
+        EXPECT_THAT(output, ::testing::MatchesRegex("kelo-server: [^\n]*\n")) << args;
+        EXPECT_THAT(output, HasSubstr(message)) << args;
+    }
+    EXPECT_EQ(run("--help").first, 0);
+    // Within their bounds, the same options start it; SIGTERM stops it cleanly.
+    const auto [code, output] =
+        run("-b silent -b log:labels=a --ttl 255 --exclusive "
+            "--max-clients 3 --receive-budget 64 --idle-limit 0 --id -7");
+    EXPECT_EQ(code, 0) << output;
+    EXPECT_THAT(output, HasSubstr("kelo-server: listening on 127.0.0.1:"));
+    EXPECT_THAT(output, HasSubstr("kelo-server: stopped after 0 events"));
+}
+#endif
+
+}  // namespace
