@@ -1,7 +1,11 @@
 #include "Kelo/ClientBackend.h"
 
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <optional>
 #include <string>
 
 #include <Parmel/Base.h>
@@ -34,26 +38,69 @@ const char* param(const Backend& backend, const char* key) {
     return backend.params().getParam(key, nullptr);
 }
 
+void badParam(const char* key, const std::string& value, const char* expected) {
+    KELO_LOG(osg::LOG_WARNING, "ClientBackend: bad value \"%s\" for parameter %s (%s)\n",
+             value.c_str(), key, expected);
+}
+
+// A whole decimal number in [low, high], or nothing.
+std::optional<unsigned long long> number(const std::string& text, unsigned long long low,
+                                         unsigned long long high) {
+    if (text.empty() || text.size() > 20 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (errno == ERANGE || value < low || value > high)
+        return std::nullopt;
+    return value;
+}
+
+// A finite number of seconds in [low, high], or nothing.
+std::optional<double> seconds(const std::string& text, double low, double high) {
+    const double value = Parmel::Base::string2Value(text, std::nan(""));
+    if (!std::isfinite(value) || value < low || value > high)
+        return std::nullopt;
+    return value;
+}
+
+std::optional<bool> flag(const std::string& text) {
+    const bool yes = Parmel::Base::string2Value(text, true);
+    if (yes != Parmel::Base::string2Value(text, false))
+        return std::nullopt;
+    return yes;
+}
+
 // "host:port,host:port"; the port after the last colon, so "[::1]:7000" works too.
 void connectNamed(KeloMultiClient& client, const std::string& list) {
-    size_t at = 0;
+    if (list.empty()) {
+        badParam("servers", list, "host:port,host:port");
+        return;
+    }
+    size_t at = 0, named = 0;
     while (at < list.size()) {
         size_t comma = list.find(',', at);
         if (comma == std::string::npos)
             comma = list.size();
-        std::string item = list.substr(at, comma - at);
+        const std::string item = list.substr(at, comma - at);
         at = comma + 1;
         const size_t colon = item.rfind(':');
-        const unsigned port =
-            colon == std::string::npos ? 0 : Parmel::Base::string2Value(item.substr(colon + 1), 0u);
+        const auto port =
+            colon == std::string::npos ? std::nullopt : number(item.substr(colon + 1), 1, 65535);
         std::string host = colon == std::string::npos ? item : item.substr(0, colon);
         if (host.size() > 2 && host.front() == '[' && host.back() == ']')
             host = host.substr(1, host.size() - 2);
-        if (host.empty() || port == 0 || port > 65535) {
-            KELO_LOG(osg::LOG_FATAL, "ClientBackend: bad server address \"%s\"\n", item.c_str());
+        if (host.empty() || !port) {
+            badParam("servers", item, "host:port with a port from 1 to 65535");
             continue;
         }
-        client.connectToServer(host, static_cast<unsigned short>(port));
+        if (named == ClientBackend::kMaxServers) {
+            badParam("servers", list.substr(at - item.size() - 1),
+                     "at most 64 servers; these are left out");
+            break;
+        }
+        ++named;
+        client.connectToServer(host, static_cast<unsigned short>(*port));
     }
 }
 
@@ -65,26 +112,59 @@ void fill(TransformEvent& e, const osg::Vec3f& position, const osg::Quaternion& 
 }  // namespace
 
 ClientBackend::ClientBackend(World& world, const char* params) : Backend(world, params) {
-    if (const char* text = param(*this, "transferData"))
-        _transferData = Parmel::Base::string2Value(text, true);
+    // A bad value is reported and the default used: the backend always comes up.
+    if (const char* text = param(*this, "transferData")) {
+        if (const auto value = flag(text))
+            _transferData = *value;
+        else
+            badParam("transferData", text, "true or false");
+    }
 
     _communicator = std::make_unique<KeloMultiClient>(this);
     KeloMultiClient& client = *_communicator;
     const char* servers = param(*this, "servers");
     // Named servers only, unless discovery is asked for as well.
-    const char* multicast = param(*this, "multicast");
-    client.setDiscover(multicast ? Parmel::Base::string2Value(multicast, true) : !servers);
-    if (const char* group = param(*this, "group"))
-        client.setAddress(Lirra::InetAddress(group));
-    if (const char* port = param(*this, "groupPort"))
-        client.setPort(static_cast<unsigned short>(
-            Parmel::Base::string2Value(port, static_cast<unsigned>(client.port()))));
-    if (const char* interface = param(*this, "interface"))
-        client.setInterface(Lirra::InetAddress(interface));
-    if (const char* retry = param(*this, "retry"))
-        client.setRetryInterval(Parmel::Base::string2Value(retry, client.retryInterval()));
-    if (const char* limit = param(*this, "sendLimit"))
-        client.setSendLimit(Parmel::Base::string2Value(limit, 64u << 20));  // the default
+    bool discover = !servers;
+    if (const char* text = param(*this, "multicast")) {
+        if (const auto value = flag(text))
+            discover = *value;
+        else
+            badParam("multicast", text, "true or false");
+    }
+    client.setDiscover(discover);
+    if (const char* text = param(*this, "group")) {
+        const Lirra::InetAddress group(text);
+        if (group.isMulticast())
+            client.setAddress(group);
+        else
+            badParam("group", text, "a multicast address such as 239.255.76.67");
+    }
+    if (const char* text = param(*this, "groupPort")) {
+        if (const auto port = number(text, 1, 65535))
+            client.setPort(static_cast<unsigned short>(*port));
+        else
+            badParam("groupPort", text, "a port from 1 to 65535");
+    }
+    if (const char* text = param(*this, "interface")) {
+        const Lirra::InetAddress local(text);
+        if (local.valid() && !local.isMulticast())
+            client.setInterface(local);
+        else
+            badParam("interface", text, "the numeric address of a local interface");
+    }
+    if (const char* text = param(*this, "retry")) {
+        if (const auto value =
+                seconds(text, Lirra::MultiClient::kMinRetry, Lirra::MultiClient::kMaxRetry))
+            client.setRetryInterval(*value);
+        else
+            badParam("retry", text, "seconds from 0.05 to 3600");
+    }
+    if (const char* text = param(*this, "sendLimit")) {
+        if (const auto value = number(text, kMinSendLimit, kMaxSendLimit))
+            client.setSendLimit(static_cast<size_t>(*value));
+        else
+            badParam("sendLimit", text, "bytes from 65536 to 1073741824");
+    }
     client.open();
     if (servers)
         connectNamed(client, servers);
@@ -99,16 +179,25 @@ ClientBackend::ClientBackend(const ClientBackend& other) : Backend(other) {}
 ClientBackend::~ClientBackend() {
     if (!_communicator)
         return;  // a copy
-    resetBackend();
     if (_receiveThread) {
         _communicator->breakWait();
         _receiveThread->join();
         _receiveThread.reset();
     }
+    // Servers that connected since the last update() get the reset like the others; from here
+    // on, one that connects is sent it at once (serverConnected). Every server is then in the
+    // set, which closes them all while the network thread still runs.
+    std::vector<Lirra::Communicator*> joining;
+    {
+        std::lock_guard<std::mutex> lock(_pendingMutex);
+        _closing = true;
+        joining.swap(_joining);
+    }
+    for (Lirra::Communicator* server : joining)
+        _communicator->join(server);
+    resetBackend();
     _communicator->close();  // sends what is queued, the reset included, then closes
     _communicator.reset();
-    for (Lirra::Communicator* c : _joining)
-        delete c;
 }
 
 void ClientBackend::send(CommandEvent& event) {
@@ -171,8 +260,18 @@ void ClientBackend::createEmitter(Emitter& emitter) {
     CreateEmitterEvent e;
     e.setCommand(CreateEmitter);
     e.setId(CommandEvent::wireId(emitter.id()));
-    e.setLabels(emitter.labels());
+    setLabels(e, emitter);
     send(e);
+}
+
+void ClientBackend::setLabels(CreateEmitterEvent& event, const Emitter& emitter) {
+    if (event.setFittingLabels(emitter.labels()))
+        return;
+    KELO_LOG_LIMITED(osg::LOG_WARNING,
+                     "ClientBackend: the %zu labels of emitter %d go beyond what servers take "
+                     "(at most %zu labels of at most %zu bytes each): sent cut to that\n",
+                     emitter.labels().size(), emitter.id(), CreateEmitterEvent::kMaxLabels,
+                     CreateEmitterEvent::kMaxLabelBytes);
 }
 
 void ClientBackend::destroyEmitter(Emitter& emitter) {
@@ -278,7 +377,7 @@ bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
         const int16_t wire = CommandEvent::wireId(id);
         create.setCommand(CreateEmitter);
         create.setId(wire);
-        create.setLabels(emitter->labels());
+        setLabels(create, *emitter);
         to(create);
         transform.setCommand(SetEmitterTransform);
         transform.setId(wire);
@@ -309,28 +408,49 @@ bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
 
 void ClientBackend::serverConnected(Lirra::Communicator* server) {
     std::lock_guard<std::mutex> lock(_pendingMutex);
-    _joining.push_back(server);
+    if (!_closing && _communicator->size() + _joining.size() >= kMaxServers) {
+        KELO_LOG_LIMITED(osg::LOG_WARNING,
+                         "ClientBackend: already %zu servers, the most it serves; refused %s\n",
+                         kMaxServers, server->peer().c_str());
+        server->refuse("too many servers");
+        delete server;
+        return;
+    }
+    if (!_closing) {
+        _joining.push_back(server);
+        return;
+    }
+    // The backend is going: no catch-up, only the reset, and closed with the others.
+    CommandEvent reset(ResetWorld, 0);
+    reset.setStamp(CommandEvent::kSenderStamp);
+    reset.send(server);
+    _communicator->join(server);
 }
 
 bool ClientBackend::update() {
     std::vector<Lirra::Communicator*> joining;
-    std::vector<std::unique_ptr<CommandEvent>> received;
+    std::map<int16_t, std::unique_ptr<SourceDurationEvent>> durations;
     {
         std::lock_guard<std::mutex> lock(_pendingMutex);
         joining.swap(_joining);
-        received.swap(_received);
+        durations.swap(_durations);
     }
     for (Lirra::Communicator* server : joining) {
         addCommunicator(server);
         _communicator->join(server);  // live changes from now on
     }
-    for (auto& event : received)
+    for (auto& [id, event] : durations)
         dispatchEvent(event.get());
     return true;
 }
 
 size_t ClientBackend::servers() const {
     return _communicator ? _communicator->size() : 0;
+}
+
+size_t ClientBackend::joiningServers() const {
+    std::lock_guard<std::mutex> lock(_pendingMutex);
+    return _joining.size();
 }
 
 int ClientBackend::receiveThread() {
@@ -340,14 +460,21 @@ int ClientBackend::receiveThread() {
             break;
         Lirra::Event* event = nullptr;
         if (Lirra::Event::receive(server, event) && event) {
-            if (auto* command = dynamic_cast<CommandEvent*>(event)) {
-                // Applied on the world's thread, in update().
+            auto* duration = dynamic_cast<SourceDurationEvent*>(event);
+            if (duration && duration->command() == SourceDuration) {
+                // Applied on the world's thread, in update(). Only the latest time of a source
+                // counts, so a server that reports faster than the application updates makes
+                // it hold one event per source id, no more.
                 std::lock_guard<std::mutex> lock(_pendingMutex);
-                _received.emplace_back(command);
+                _durations[duration->id()].reset(duration);
                 continue;
             }
-            KELO_LOG(osg::LOG_FATAL,
-                     "Kelo::ClientBackend got Lirra::Event which is not a Kelo::Event\n");
+            if (auto* command = dynamic_cast<CommandEvent*>(event))
+                dispatchEvent(command);  // refused: logs without touching the world
+            else
+                KELO_LOG_LIMITED(
+                    osg::LOG_FATAL,
+                    "Kelo::ClientBackend got Lirra::Event which is not a Kelo::Event\n");
             delete event;
         } else {
             KELO_LOG(osg::LOG_FATAL, "ClientBackend: Lost server\n");
@@ -371,10 +498,10 @@ bool ClientBackend::dispatchEvent(CommandEvent* event) {
                 return true;
             }
     } else {
-        KELO_LOG(osg::LOG_FATAL, "Unkown command ID: %d\n", event->command());
+        KELO_LOG_LIMITED(osg::LOG_FATAL, "Unkown command ID: %d\n", event->command());
     }
-    KELO_LOG(osg::LOG_FATAL, "Got invalid Event: %s/%d/%d/%d\n", event->type()->name().c_str(),
-             event->command(), event->id(), event->stamp());
+    KELO_LOG_LIMITED(osg::LOG_FATAL, "Got invalid Event: %s/%d/%d/%d\n",
+                     event->type()->name().c_str(), event->command(), event->id(), event->stamp());
     return false;
 }
 

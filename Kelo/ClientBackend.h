@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "Kelo/Backend.h"
 #include "Kelo/BackendType.h"
 #include "Kelo/CommandEvent.h"
+#include "Kelo/SourceDurationEvent.h"
 #include "Kelo/WorldPart.h"
 
 namespace Lirra {
@@ -17,6 +19,7 @@ class Communicator;
 
 namespace Kelo {
 
+class CreateEmitterEvent;
 class KeloMultiClient;
 
 // "client": sends every change of the world as a command event to every connected sound server,
@@ -58,29 +61,45 @@ public:
     static Command sourceState2Command(WorldPart::State state);
     static Command emitterState2Command(WorldPart::State state);
     int receiveThread();
-    // Applies a received event: only playing times (command 23) are accepted.
+    // Applies a received event: only playing times (command 23) are accepted. Refusals are
+    // logged, repeats held back.
     bool dispatchEvent(CommandEvent* event);
 
     // Network thread: a server has connected. It is caught up in the next update().
     void serverConnected(Lirra::Communicator* server);
     // Servers that receive live changes (caught up and not lost).
     size_t servers() const;
+    // Servers that have connected and wait for their catch-up in the next update().
+    size_t joiningServers() const;
     bool transferData() const { return _transferData; }
+    // The connections and their settings, as the parameters left them.
+    const KeloMultiClient* communicator() const { return _communicator.get(); }
 
     static Backend* createMethod(World& world, const char* params);
     static BackendType _type;
 
+    // Servers connected or waiting for their catch-up, named or discovered: one more is sent a
+    // goodbye and closed. Also the most that "servers" may name.
+    static constexpr size_t kMaxServers = 64;
+    // Accepted parameter values; anything else is reported and the default kept. The retry
+    // interval's range is the communicator's (Lirra::MultiClient::kMinRetry, kMaxRetry).
+    static constexpr size_t kMinSendLimit = 64u << 10, kMaxSendLimit = 1u << 30;
+
 private:
     void send(CommandEvent& event);
+    // Labels as servers accept them; an emitter beyond the limits is logged.
+    static void setLabels(CreateEmitterEvent& event, const Emitter& emitter);
 
     std::unique_ptr<KeloMultiClient> _communicator;
     std::unique_ptr<Tovan::ObjectThread<ClientBackend>> _receiveThread;
     bool _transferData = true;
 
     // Handed over between the threads.
-    std::mutex _pendingMutex;
+    mutable std::mutex _pendingMutex;
     std::vector<Lirra::Communicator*> _joining;
-    std::vector<std::unique_ptr<CommandEvent>> _received;
+    bool _closing = false;  // being destroyed: a server that connects gets the reset alone
+    // The latest playing time reported for each source id.
+    std::map<int16_t, std::unique_ptr<SourceDurationEvent>> _durations;
 };
 
 }  // namespace Kelo

@@ -71,14 +71,39 @@ int writeSounds(const std::string& dir) {
     return 0;
 }
 
+// "HOST:PORT" with a port from 1 to 65535; the port after the last colon, as the client
+// backend reads it. Empty when good, else what is wrong.
+std::string checkServer(const std::string& text) {
+    const size_t colon = text.rfind(':');
+    const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
+    const bool digits = !port.empty() && port.size() <= 5 &&
+                        port.find_first_not_of("0123456789") == std::string::npos;
+    if (colon == 0 || colon == std::string::npos || !digits || std::stoul(port) == 0 ||
+        std::stoul(port) > 65535 || text.find_first_of(", \t=") != std::string::npos)
+        return "expected HOST:PORT with a port from 1 to 65535, got \"" + text + "\"";
+    return "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Kelo demo: a sound circling the listener."};
     std::string server, soundDir;
-    app.add_option("--server", server, "Drive the kelo-server at HOST:PORT");
-    app.add_option("--write-sounds", soundDir, "Write the demo's sounds into this directory");
-    CLI11_PARSE(app, argc, argv);
+    CLI::Option* serverOption =
+        app.add_option("--server", server, "Drive the kelo-server at HOST:PORT")
+            ->check(CLI::Validator(checkServer, "HOST:PORT", "server address"));
+    app.add_option("--write-sounds", soundDir, "Write the demo's sounds into this directory")
+        ->check(CLI::ExistingDirectory)
+        ->excludes(serverOption);
+    // Everything is checked before anything starts; a bad option exits with 2.
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
     if (!soundDir.empty())
         return writeSounds(soundDir);
 

@@ -3,13 +3,15 @@
 //     checked for order on arrival;
 //   - latency: a play command from Emitter::setState to the server's Emitter::setState;
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
-// Everything stays on 127.0.0.1; servers do not announce themselves.
+// Everything stays on 127.0.0.1; servers do not announce themselves. --help lists the options
+// that scale the runs down (or up, within bounds).
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <cstdio>
+#include <functional>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -40,7 +42,8 @@ struct Watcher : Kelo::SilentBackend {
         ++moves;
     }
     void setEmitterState(Kelo::Emitter& e) override {
-        if (watch == 0 || e.id() == watch) played = Clock::now();
+        if (watch == 0 || e.id() == watch)
+            played = Clock::now();
     }
     int watch = 0;  // the emitter whose state change counts; 0 for any
     float expected = 1;
@@ -119,9 +122,11 @@ void throughput(int serverCount, long events) {
         return;
     }
     const auto wait = [&](long n) {
+        // A server dropped on the way never gets the rest: no use waiting for it.
         const auto end = Clock::now() + std::chrono::seconds(60);
         for (auto& s : servers)
-            while (s->watcher->moves < n && Clock::now() < end)
+            while (s->watcher->moves < n && Clock::now() < end &&
+                   client->servers() == servers.size())
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
     };
     const auto start = Clock::now();
@@ -132,7 +137,8 @@ void throughput(int serverCount, long events) {
     const auto sent = Clock::now();
     wait(events);
     const auto arrived = Clock::now();
-    if (client->servers() != servers.size()) std::printf("  A SERVER WAS DROPPED\n");
+    if (client->servers() != servers.size())
+        std::printf("  A SERVER WAS DROPPED\n");
     std::printf("throughput, %d server%s: %ld transform events sent in %.2f s (%.2f M/s sent)\n",
                 serverCount, serverCount > 1 ? "s" : "", events, seconds(start, sent),
                 events / seconds(start, sent) / 1e6);
@@ -212,14 +218,67 @@ void catchUp(int emitters, int sources) {
     world.deleteAllBackends();
 }
 
+struct Option {
+    const char* name;
+    const char* help;
+    long value, low, high;
+};
+
+// A whole decimal number in [low, high].
+bool parseCount(const std::string& text, long low, long high, long& out) {
+    if (text.empty() || text.size() > 12 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    const long value = std::stol(text);
+    if (value < low || value > high)
+        return false;
+    out = value;
+    return true;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    Option options[] = {
+        {"--events", "transform events sent to one server (to four: 2/5 of it)", 5'000'000, 1,
+         50'000'000},
+        {"--rounds", "play commands timed for the latency", 1000, 1, 100'000},
+        {"--emitters", "emitters in the world caught up", 10'000, 1, 30'000},
+    };
+    // Every option is checked before anything starts; a bad one exits with 2.
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::printf("Usage: load_remote [OPTION N]...\n");
+            for (const Option& o : options)
+                std::printf("  %-11s N  %s, %ld to %ld (default %ld)\n", o.name, o.help, o.low,
+                            o.high, o.value);
+            return 0;
+        }
+        Option* option = nullptr;
+        for (Option& o : options)
+            if (arg == o.name)
+                option = &o;
+        if (!option) {
+            std::fprintf(stderr, "load_remote: unknown argument \"%s\" (see --help)\n",
+                         arg.c_str());
+            return 2;
+        }
+        if (i + 1 == argc || !parseCount(argv[i + 1], option->low, option->high, option->value)) {
+            std::fprintf(stderr, "load_remote: %s needs a whole number from %ld to %ld, got %s\n",
+                         option->name, option->low, option->high,
+                         i + 1 == argc ? "nothing" : argv[i + 1]);
+            return 2;
+        }
+        ++i;
+    }
+    const long events = options[0].value;
     // Only progress lines: the catch-up's source creations are refused by design, one line each.
     osg::Log::the().setLevel(osg::LOG_LOG);
-    throughput(1, 5'000'000);
-    throughput(4, 2'000'000);
-    latency(1000);
-    catchUp(10'000, 1'000);
+    throughput(1, events);
+    throughput(4, std::max(1L, events * 2 / 5));
+    latency(static_cast<int>(options[1].value));
+    const int emitters = static_cast<int>(options[2].value);
+    catchUp(emitters, std::max(1, emitters / 10));
     return 0;
 }

@@ -217,8 +217,10 @@ TEST(EventDecoding, MalformedFramesAreRefused) {
         {"c800 0000 2400", "truncated field"},
         {"c800 0000 2400 0700 ff", "1 bytes left over"},
         {"cd00 0000 0000 0000 0000803f 00000000 02", "bool that is neither 0 nor 1"},
-        {"ca00 0000 0000 0000 ffffffff", "more labels than the frame can hold"},
-        {"ca00 0000 0000 0000 01000000 ffffff7f 61", "string longer than the frame"},
+        {"ca00 0000 0000 0000 05000000", "more labels than the frame can hold"},
+        {"ca00 0000 0000 0000 ffffffff", "more than 32 labels"},
+        {"ca00 0000 0000 0000 01000000 ffffff7f 61", "label longer than 255 bytes"},
+        {"ca00 0000 0000 0000 01000000 10000000 61", "string longer than the frame"},
         {"cf00 0000 0000 0000 00000000 ffffffffffffff7f 00", "data block larger than the frame"},
     };
     LogCapture log(osg::LOG_WARNING);
@@ -231,6 +233,47 @@ TEST(EventDecoding, MalformedFramesAreRefused) {
     ASSERT_EQ(log.messages.size(), std::size(cases));
     EXPECT_EQ(log.texts()[1], "Refused event frame: unknown event type 12345\n");
     EXPECT_STREQ(log.messages[1].module, "Lirra");
+}
+
+// A receiver keeps an emitter's labels as long as the emitter lives: their number and length
+// are capped, so that a frame cannot make it hold much more than the frame's own bytes.
+TEST(EventLimits, LabelsBeyondTheCapsAreRefused) {
+    Kelo::CreateEmitterEvent full;
+    full.setCommand(Kelo::CreateEmitter);
+    std::vector<std::string> most(32);
+    for (size_t i = 0; i < most.size(); ++i)
+        most[i].assign(255, static_cast<char>('a' + i % 26));
+    full.setLabels(most);
+    auto decoded = decode<Kelo::CreateEmitterEvent>(frame(full));
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(decoded->labels(), most);
+
+    LogCapture log(osg::LOG_WARNING);
+    Kelo::CreateEmitterEvent over;
+    over.setLabels(std::vector<std::string>(33));
+    EXPECT_EQ(decode<Kelo::CreateEmitterEvent>(frame(over)), nullptr);
+    over.setLabels({"x", std::string(256, 'y')});
+    EXPECT_EQ(decode<Kelo::CreateEmitterEvent>(frame(over)), nullptr);
+    EXPECT_THAT(log.texts(),
+                ElementsAre("Refused event frame: CreateEmitterEvent: more than 32 labels\n",
+                            "Refused event frame: CreateEmitterEvent: label longer than 255 "
+                            "bytes\n"));
+}
+
+TEST(EventLimits, FittingLabelsAreCutToTheCapsWithoutSplittingACharacter) {
+    Kelo::CreateEmitterEvent e;
+    EXPECT_TRUE(e.setFittingLabels({"a", std::string(255, 'b')}));
+    EXPECT_THAT(e.labels(), ElementsAre("a", std::string(255, 'b')));
+
+    std::vector<std::string> many(40, "m");
+    many[0] = std::string(254, 'x') + "\xc3\xa9";  // "é" would straddle byte 255
+    many[1] = std::string(300, 'z');
+    EXPECT_FALSE(e.setFittingLabels(many));
+    ASSERT_EQ(e.labels().size(), 32u);
+    EXPECT_EQ(e.labels()[0], std::string(254, 'x'));
+    EXPECT_EQ(e.labels()[1], std::string(255, 'z'));
+    EXPECT_EQ(e.labels()[31], "m");
+    EXPECT_NE(decode<Kelo::CreateEmitterEvent>(frame(e)), nullptr);
 }
 
 // A byte stream in memory.
