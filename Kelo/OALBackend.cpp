@@ -219,7 +219,8 @@ void OALBackend::loadUrl(Source& source, ALuint buffer) {
         KELO_LOG(osg::LOG_FATAL, "source.url() not set in Source::URL_SD set\n");
         return;
     }
-    const std::string& text = url->toString();
+    // The log never shows a URL's credentials; the fetch uses them.
+    const std::string& text = url->displayString();
     KELO_LOG(osg::LOG_LOG, "loading: >%s<\n", text.c_str());
     Lirra::LocalFile file;
     try {

@@ -32,6 +32,7 @@ void PlayBackend::play(const Source& source) const {
     const Lirra::URL* url = source.url();
     if (!url)
         return;  // no URL to play: nothing a player could do with the line
+    // A command for the player, not a message: the player needs the credentials to fetch.
     const std::string& text = url->shared() ? url->toString() : Lirra::URLFile::_cwd.toString();
     const std::string line = command + " " + text + " &";
     std::fprintf(stdout, "systemCall: %s\n", line.c_str());

@@ -1,8 +1,13 @@
 #include "Kelo/WebBackend.h"
 
+#include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <iterator>
+#include <optional>
 #include <sstream>
 
 #include <Lirra/IOException.h>
@@ -304,7 +309,57 @@ refresh();
 </html>
 )html";
 
+// A number in [low, high] written in full; anything else is nothing.
+std::optional<double> numberIn(const char* text, double low, double high) {
+    if (!text || !*text)
+        return std::nullopt;
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(text, &end);
+    if (errno != 0 || *end != '\0' || !std::isfinite(value) || value < low || value > high)
+        return std::nullopt;
+    return value;
+}
+
 }  // namespace
+
+void WebBackend::applyLimits(Lirra::PolledWebServer& server) const {
+    struct Limit {
+        const char* key;
+        double low, high, fallback;
+        bool whole;
+    };
+    const double msPerSecond = 1000.0;
+    const Limit limits[] = {
+        {"clients", 1, 4096, static_cast<double>(server.maxConnections()), true},
+        {"clientsPerAddress", 1, 4096, static_cast<double>(server.maxConnectionsPerAddress()),
+         true},
+        {"headerTimeout", 0.1, 3600, server.headerTimeout().count() / msPerSecond, false},
+        {"idleTimeout", 0.1, 3600, server.idleTimeout().count() / msPerSecond, false},
+        {"timeout", 0.1, 3600, server.timeout().count() / msPerSecond, false},
+    };
+    double values[std::size(limits)];
+    for (std::size_t i = 0; i < std::size(limits); ++i) {
+        const Limit& limit = limits[i];
+        const char* text = params().getParam(limit.key, nullptr);
+        std::optional<double> value = numberIn(text, limit.low, limit.high);
+        if (value && limit.whole && *value != std::floor(*value))
+            value.reset();
+        values[i] = value.value_or(limit.fallback);
+        if (text && !value)
+            KELO_LOG(osg::LOG_WARNING, "Web backend: %s=%s is not %s from %g to %g; using %g\n",
+                     limit.key, text, limit.whole ? "a whole number" : "a number", limit.low,
+                     limit.high, limit.fallback);
+    }
+    const auto ms = [](double seconds) {
+        return std::chrono::milliseconds(std::llround(seconds * 1000));
+    };
+    server.setMaxConnections(static_cast<std::size_t>(values[0]));
+    server.setMaxConnectionsPerAddress(static_cast<std::size_t>(values[1]));
+    server.setHeaderTimeout(ms(values[2]));
+    server.setIdleTimeout(ms(values[3]));
+    server.setTimeout(ms(values[4]));
+}
 
 const char* WebBackend::buildTime() {
     return __DATE__ " " __TIME__;
@@ -345,6 +400,7 @@ WebBackend::WebBackend(World& world, const char* params)
     server.setName("Kelo");
     server.setLogSize(0);
 
+    applyLimits(server);
     const std::string host = this->params().getParam("host", "");
     const int port = Parmel::Base::string2Value(this->params().getParam("port", "0"), -1);
     try {
@@ -432,7 +488,7 @@ bool WebBackend::createScenePage(const ProtocolHTTP::Request&, ProtocolHTTP::Rep
                dataName(source->dataType()) + "\"";
         if (source->dataType() == Source::URL_SD && source->url()) {
             out += ",\"url\":";
-            appendString(out, source->url()->toString());
+            appendString(out, source->url()->displayString());
         } else if (source->dataType() == Source::PCM_SD) {
             out += ",\"frequency\":" + std::to_string(source->frequency()) +
                    ",\"bits\":" + std::to_string(source->bits()) +

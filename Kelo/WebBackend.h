@@ -21,8 +21,12 @@ namespace Kelo {
 //   /log.html    the web server's request log
 //   /Style.css   the style sheet, /favicon.ico the icon
 //   /scene.html  a live top-down view of the listener and the emitters, fed by /scene.json
-// Parameters: "host" (address to listen on; loopback when absent) and "port" (the web server's
-// fixed default when absent; a port of the system's choosing when that one is taken).
+// Parameters: "host" (address to listen on; loopback when absent), "port" (the web server's
+// fixed default when absent; a port of the system's choosing when that one is taken), and the
+// web server's limits: "clients" and "clientsPerAddress" (connections held at once, in all and
+// from one address), "headerTimeout", "idleTimeout" and "timeout" (seconds for a request's
+// header, for a kept-alive connection's wait for the next request, and for a whole request and
+// a reply). A bad limit is logged and its default kept.
 class WebBackend : public Backend {
 public:
     WebBackend(World& world, const char* params);
@@ -71,6 +75,8 @@ public:
     static BackendType _type;
 
 private:
+    void applyLimits(Lirra::PolledWebServer& server) const;
+
     std::unique_ptr<Lirra::PolledWebServer> _webServer;
 };
 

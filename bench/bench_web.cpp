@@ -1,13 +1,20 @@
 // Load on the web backend while the world runs its frame loop: wrk holds keep-alive connections
 // to the index page on 127.0.0.1 while the world calls update() at 90 Hz; reports how long the
-// longest update() took and wrk's throughput and latency. Stops by itself.
+// longest update() took and wrk's throughput and latency. Optionally, slow clients (from
+// 127.0.1.x, each sending a byte of a request now and then and coming back when dropped) hold
+// the server's connection table meanwhile. Stops by itself.
 //
-//   bench_web [seconds=10] [connections=100] [wrk threads=2]
+//   bench_web [seconds=10] [connections=100] [wrk threads=2] [slow clients=0]
 //
 // Run it through bench/web-load.sh, which keeps it in a network namespace of its own.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -30,9 +37,17 @@ int main(int argc, char** argv) {
     const int seconds = argc > 1 ? std::max(1, std::min(60, std::atoi(argv[1]))) : 10;
     const int connections = argc > 2 ? std::max(1, std::min(1000, std::atoi(argv[2]))) : 100;
     const int threads = argc > 3 ? std::max(1, std::min(connections, std::atoi(argv[3]))) : 2;
+    const int slowClients = argc > 4 ? std::max(0, std::min(2000, std::atoi(argv[4]))) : 0;
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
 
     Kelo::World world;
-    auto* web = dynamic_cast<Kelo::WebBackend*>(world.addBackend("web", "host=127.0.0.1"));
+    // wrk's connections all come from one address: the table is sized for them.
+    const std::string table = std::to_string(std::max(256, connections + 16));
+    auto* web = dynamic_cast<Kelo::WebBackend*>(world.addBackend(
+        "web", ("host=127.0.0.1 clients=" + table + " clientsPerAddress=" + table).c_str()));
     if (!web || !web->webServer()->isOpen()) {
         std::fprintf(stderr, "bench_web: the web backend did not open\n");
         return 1;
@@ -69,6 +84,35 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    const uint16_t port = web->webServer()->socketAddress().getServicePort();
+    const std::string head = "GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: slow";
+    std::vector<int> slow(static_cast<std::size_t>(slowClients), -1);
+    std::vector<std::size_t> sent(slow.size(), 0);
+    long reconnects = 0;
+    // Each slow client sends its next byte, or connects again when the server dropped it.
+    const auto trickle = [&] {
+        for (std::size_t i = 0; i < slow.size(); ++i) {
+            char byte;
+            const bool gone = slow[i] < 0 || recv(slow[i], &byte, 1, MSG_DONTWAIT) == 0 ||
+                              send(slow[i], &head[sent[i] % head.size()], 1, MSG_NOSIGNAL) != 1;
+            ++sent[i];
+            if (!gone)
+                continue;
+            if (slow[i] >= 0)
+                close(slow[i]);
+            ++reconnects;
+            slow[i] = socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in from{}, to{};
+            from.sin_family = to.sin_family = AF_INET;
+            inet_pton(AF_INET, ("127.0.1." + std::to_string(1 + i % 200)).c_str(), &from.sin_addr);
+            to.sin_port = htons(port);
+            to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            bind(slow[i], reinterpret_cast<sockaddr*>(&from), sizeof from);
+            connect(slow[i], reinterpret_cast<sockaddr*>(&to), sizeof to);
+            sent[i] = 0;
+        }
+    };
+
     const auto frame = std::chrono::nanoseconds(1000000000 / 90);
     const auto giveUp = Clock::now() + std::chrono::seconds(seconds + 15);
     std::vector<double> updates;  // milliseconds
@@ -86,6 +130,8 @@ int main(int argc, char** argv) {
             const osg::Vec3f p(5 * std::cos(a), 0, 5 * std::sin(a));
             emitters[i]->setTransform(&p, nullptr);
         }
+        if (n % 9 == 0)
+            trickle();
         const auto start = Clock::now();
         world.update();
         updates.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
@@ -100,6 +146,12 @@ int main(int argc, char** argv) {
     std::printf("\nworld.update() over %zu frames: median %.3f ms, p99 %.3f ms, longest %.3f ms\n",
                 updates.size(), at(0.5), at(0.99), updates.empty() ? 0.0 : updates.back());
 
+    if (slowClients > 0)
+        std::printf("%d slow clients came back %ld times; the server dropped %zu connections\n",
+                    slowClients, reconnects - slowClients, web->webServer()->evictions());
+    for (const int fd : slow)
+        if (fd >= 0)
+            close(fd);
     world.clearWorld();
     world.deleteAllBackends();
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;

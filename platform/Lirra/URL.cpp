@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -154,6 +155,20 @@ void initCurl() {
     });
 }
 
+// The URL in handle without user name, password and login options; url is the whole text,
+// taken when libcurl cannot make the shorter one.
+std::string displayOf(CURLU* handle, const std::string& url) {
+    CurlUrlPtr copy(curl_url_dup(handle));
+    if (!copy) {
+        throw std::bad_alloc();
+    }
+    for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS}) {
+        curl_url_set(copy.get(), part, nullptr, 0);
+    }
+    std::optional<std::string> shown = getPart(copy.get(), CURLUPART_URL, 0);
+    return shown ? std::move(*shown) : URLImpl::withoutUserInfo(url);
+}
+
 }  // namespace
 
 // LocalFile
@@ -183,8 +198,10 @@ LocalFile::~LocalFile() {
 
 // URLImpl
 
-URLImpl::URLImpl(std::string text, std::string scheme, std::string host, std::string path)
+URLImpl::URLImpl(std::string text, std::string displayString, std::string scheme, std::string host,
+                 std::string path)
     : _text(std::move(text)),
+      _displayString(std::move(displayString)),
       _scheme(std::move(scheme)),
       _host(std::move(host)),
       _path(std::move(path)) {}
@@ -209,7 +226,16 @@ std::shared_ptr<const URLImpl> URLImpl::create(const std::string& text, const UR
     if (!url || !scheme || !path) {
         cannotParse();
     }
+    // What libcurl makes of a relative reference is not always text it reads back (a first
+    // segment "c:" in a file path, say): a URL whose text does not parse to itself is none.
+    checkText(*url);
+    CurlUrlPtr again = newUrlHandle();
+    setPart(again.get(), CURLUPART_URL, *url, flags);
+    if (getPart(again.get(), CURLUPART_URL, 0) != url) {
+        cannotParse();
+    }
     std::string host = getPart(handle.get(), CURLUPART_HOST, 0).value_or("");
+    std::string shown = displayOf(handle.get(), *url);
     // libcurl hands the scheme back in lower case.
     std::string lowerScheme = std::move(*scheme);
 
@@ -217,21 +243,67 @@ std::shared_ptr<const URLImpl> URLImpl::create(const std::string& text, const UR
     if (http && host.empty()) {
         cannotParse();
     }
+    // libcurl takes "file:b/x.wav" for a file URL with a relative path, which names no file and
+    // whose text it then refuses.
+    if (lowerScheme == "file" && (path->empty() || (*path)[0] != '/')) {
+        cannotParse();
+    }
     // The constructors are not public, hence new instead of make_shared.
     if (lowerScheme == "file") {
-        return std::shared_ptr<const URLImpl>(new URLFile(std::move(*url), std::move(lowerScheme),
-                                                          std::move(host), std::move(*path)));
+        return std::shared_ptr<const URLImpl>(new URLFile(std::move(*url), std::move(shown),
+                                                          std::move(lowerScheme), std::move(host),
+                                                          std::move(*path)));
     }
     if (http) {
-        return std::shared_ptr<const URLImpl>(new URLHttp(std::move(*url), std::move(lowerScheme),
-                                                          std::move(host), std::move(*path)));
+        return std::shared_ptr<const URLImpl>(new URLHttp(std::move(*url), std::move(shown),
+                                                          std::move(lowerScheme), std::move(host),
+                                                          std::move(*path)));
     }
-    return std::shared_ptr<const URLImpl>(
-        new URLImpl(std::move(*url), std::move(lowerScheme), std::move(host), std::move(*path)));
+    return std::shared_ptr<const URLImpl>(new URLImpl(std::move(*url), std::move(shown),
+                                                      std::move(lowerScheme), std::move(host),
+                                                      std::move(*path)));
 }
 
 LocalFile URLImpl::fetch() const {
-    throw Exception("Cannot fetch " + _text + ": unsupported scheme");
+    throw Exception("Cannot fetch " + _displayString + ": unsupported scheme");
+}
+
+namespace {
+
+// Text with the user information of its first authority removed; the text itself when it has
+// none.
+std::string removeUserInfo(const std::string& text) {
+    // The authority follows the scheme and any slashes (libcurl takes one, two or more, and no
+    // slash at all), or a leading "//"; it ends at the next slash, '?' or '#'. User
+    // information is everything in it up to its last '@'.
+    std::size_t start = 0;
+    const std::size_t colon = text.find_first_of(":/?#\\");
+    // Whatever precedes the first ':' counts as a scheme here: libcurl is lenient about them.
+    if (colon != std::string::npos && text[colon] == ':') {
+        start = colon + 1;
+    } else if (text.compare(0, 2, "//") != 0) {
+        return text;
+    }
+    start = std::min(text.find_first_not_of("/\\", start), text.size());
+    const std::size_t end = std::min(text.find_first_of("/\\?#", start), text.size());
+    const std::size_t at = text.rfind('@', end == 0 ? 0 : end - 1);
+    if (at == std::string::npos || at < start || at >= end) {
+        return text;
+    }
+    return text.substr(0, start) + text.substr(at + 1);
+}
+
+}  // namespace
+
+std::string URLImpl::withoutUserInfo(const std::string& text) {
+    // Removing one may join slashes into a new authority ("h:/u@/v@h"): until none is left.
+    // Each round shortens the text.
+    std::string shown = text;
+    for (std::string shorter = removeUserInfo(shown); shorter != shown;
+         shorter = removeUserInfo(shown)) {
+        shown = std::move(shorter);
+    }
+    return shown;
 }
 
 // URLFile
@@ -239,7 +311,7 @@ LocalFile URLImpl::fetch() const {
 LocalFile URLFile::fetch() const {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path(), error) || ::access(path().c_str(), R_OK) != 0) {
-        throw Exception("Cannot fetch " + toString() + ": no such file");
+        throw Exception("Cannot fetch " + displayString() + ": no such file");
     }
     return LocalFile(path(), false);
 }
@@ -251,7 +323,7 @@ long URLHttp::_timeoutMs = 30000;
 LocalFile URLHttp::fetch() const {
     initCurl();
     const auto failure = [this](const std::string& reason) {
-        return Exception("Cannot fetch " + toString() + ": " + reason);
+        return Exception("Cannot fetch " + displayString() + ": " + reason);
     };
 
     std::string pattern = temporaryDirectory() + "/KeloURL-XXXXXX";

@@ -43,7 +43,10 @@ public:
 
     virtual ~URLImpl() = default;
 
+    // The whole URL, credentials included: what a fetch uses.
     const std::string& toString() const { return _text; }
+    // The URL without its user information ("user:password@"): the form for pages and logs.
+    const std::string& displayString() const { return _displayString; }
     const std::string& scheme() const { return _scheme; }
     const std::string& host() const { return _host; }
     // Percent-decoded path.
@@ -53,11 +56,17 @@ public:
     // the URL and the reason when it cannot.
     virtual LocalFile fetch() const;
 
+    // Text that may or may not parse as a URL with any user information removed, for messages
+    // about text that was refused.
+    static std::string withoutUserInfo(const std::string& text);
+
 protected:
-    URLImpl(std::string text, std::string scheme, std::string host, std::string path);
+    URLImpl(std::string text, std::string displayString, std::string scheme, std::string host,
+            std::string path);
 
 private:
     std::string _text;
+    std::string _displayString;
     std::string _scheme;
     std::string _host;
     std::string _path;
@@ -99,6 +108,7 @@ public:
     const URLImpl& impl() const { return *_impl; }
     const std::shared_ptr<const URLImpl>& shared() const { return _impl; }
     const std::string& toString() const { return _impl->toString(); }
+    const std::string& displayString() const { return _impl->displayString(); }
     LocalFile fetch() const { return _impl->fetch(); }
 
     // The process's current directory as a file: URL ending in '/'.

@@ -1,6 +1,7 @@
 #include "Lirra/WebServer.h"
 
 #include <ctime>
+#include <exception>
 
 #include "Lirra/WebClient.h"
 
@@ -26,6 +27,17 @@ const char* reason(int status) {
             return "Service Unavailable";
         default:
             return "Error";
+    }
+}
+
+// A page that throws has failed like one that returns false: the request is answered with an
+// error and the server goes on.
+bool createPage(WebPage& page, WebClient* client, const ProtocolHTTP::Request& request,
+                ProtocolHTTP::Reply& reply) {
+    try {
+        return page.create(client, request, reply);
+    } catch (const std::exception&) {
+        return false;
     }
 }
 
@@ -80,7 +92,7 @@ void WebServer::serve(WebClient* client, const ProtocolHTTP::Request& request,
     } else if (request.method() != "GET" && request.method() != "HEAD") {
         errorPage(405, request.method(), reply);
         reply.setHeader("Allow", "GET, HEAD");
-    } else if (!page->second->create(client, request, reply)) {
+    } else if (!createPage(*page->second, client, request, reply)) {
         reply = ProtocolHTTP::Reply();
         errorPage(500, request.path(), reply);
     }

@@ -49,7 +49,8 @@ public:
     bool createLogPage(const ProtocolHTTP::Request& request, ProtocolHTTP::Reply& reply);
 
     // Fills reply for request: the registered page's answer for GET and HEAD, otherwise an
-    // error page (404 unknown path, 405 other methods, 500 when the page fails). Logs it.
+    // error page (404 unknown path, 405 other methods, 500 when the page fails or throws).
+    // Logs it.
     void serve(WebClient* client, const ProtocolHTTP::Request& request, ProtocolHTTP::Reply& reply);
 
     // Text made safe to put into HTML: & < > " as entities.
