@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs the whole test suite twice: once in a normal build and once under
 # AddressSanitizer + UndefinedBehaviorSanitizer; runs the networking tests under
-# ThreadSanitizer; then fuzzes the event decoder for a while. All
-# of it runs inside a private network namespace with only loopback up, so nothing can reach a
-# real network.
+# ThreadSanitizer; then runs every fuzz target of fuzz/CMakeLists.txt briefly (KELO_FUZZ_SECONDS
+# each, 15 by default), each on a copy of its seed corpus, and fails on any finding. All of it
+# runs inside a private network namespace with only loopback up, so nothing can reach a real
+# network.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,13 +22,23 @@ cmake --build build-asan -j "$jobs"
 # The threaded parts (networking, client and server) once more under ThreadSanitizer.
 cmake -S . -B build-tsan -G Ninja -DKELO_WERROR=$werror -DCMAKE_BUILD_TYPE=Debug \
     -DKELO_SANITIZE=thread -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_APPS=OFF
-cmake --build build-tsan -j "$jobs" --target test_remote test_discovery
+cmake --build build-tsan -j "$jobs" --target test_remote test_discovery \
+    test_hostile_net test_hostile_server test_hostile_client
 cmake -S . -B build-fuzz -G Ninja -DKELO_WERROR=$werror -DCMAKE_C_COMPILER=clang \
     -DCMAKE_CXX_COMPILER=clang++ -DKELO_BUILD_FUZZ=ON -DKELO_BUILD_TESTS=OFF \
     -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_APPS=OFF
-cmake --build build-fuzz -j "$jobs" --target fuzz_events
-# The fuzzer adds what it finds to its corpus: give it a copy, not the checked-in one.
-rm -rf build-fuzz/corpus && cp -r fuzz/corpus build-fuzz/corpus
+fuzzers=$(sed -n 's/^add_executable(\(fuzz_[a-z0-9_]*\).*/\1/p' fuzz/CMakeLists.txt | tr '\n' ' ')
+cmake --build build-fuzz -j "$jobs" --target $fuzzers
+# A fuzzer adds what it finds to its corpus: give each a copy, not the checked-in one. The event
+# decoder's seeds are in fuzz/corpus, every other fuzz_NAME's in fuzz/corpus-NAME.
+for fuzzer in $fuzzers; do
+    seeds=fuzz/corpus-${fuzzer#fuzz_}
+    if [ "$fuzzer" = fuzz_events ]; then seeds=fuzz/corpus; fi
+    rm -rf "build-fuzz/corpus-$fuzzer"
+    mkdir -p "build-fuzz/corpus-$fuzzer"
+    if [ -d "$seeds" ]; then cp -r "$seeds"/. "build-fuzz/corpus-$fuzzer"; fi
+done
+fuzz_seconds=${KELO_FUZZ_SECONDS:-15}
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -38,11 +49,22 @@ unshare --net bash -c "
     echo '== tests (sanitizers) =='
     ctest --test-dir build-asan --output-on-failure -j $jobs
     echo '== tests (thread sanitizer) =='
-    ctest --test-dir build-tsan --output-on-failure -j $jobs -R 'Remote|discovery'
-    echo '== fuzzing the event decoder (${KELO_FUZZ_SECONDS:-30} s) =='
-    build-fuzz/fuzz/fuzz_events -max_total_time=${KELO_FUZZ_SECONDS:-30} -rss_limit_mb=1024 \
-        -artifact_prefix=build-fuzz/ build-fuzz/corpus 2>&1 | tail -n 3
-    test \${PIPESTATUS[0]} -eq 0
+    ctest --test-dir build-tsan --output-on-failure -j $jobs \
+        -R '^(Remote|HostileNet|HostileServer|ClientShutdown|ClientReports|ClientLabels)[.]|discovery'
+    found=''
+    for fuzzer in $fuzzers; do
+        echo \"== fuzzing: \$fuzzer ($fuzz_seconds s) ==\"
+        if build-fuzz/fuzz/\$fuzzer -max_total_time=$fuzz_seconds -rss_limit_mb=1024 \
+                -artifact_prefix=build-fuzz/\$fuzzer- build-fuzz/corpus-\$fuzzer \
+                > build-fuzz/\$fuzzer.log 2>&1; then
+            tail -n 1 build-fuzz/\$fuzzer.log
+        else
+            tail -n 40 build-fuzz/\$fuzzer.log
+            echo \"\$fuzzer found a fault; the input is in build-fuzz/\$fuzzer-*\"
+            found=\"\$found \$fuzzer\"
+        fi
+    done
     echo '== tests =='
     ctest --test-dir build --output-on-failure -j $jobs
+    test -z \"\$found\" || { echo \"fuzzing found faults:\$found\"; exit 1; }
 "

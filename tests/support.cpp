@@ -26,7 +26,10 @@ void RecordingBackend::record(const std::string& call) {
 
 LogCapture::LogCapture(int level) : oldLevel(osg::Log::the().level()) {
     osg::Log::the().setLevel(level);
-    oldSink = osg::Log::the().setSink([this](const osg::LogMessage& m) { messages.push_back(m); });
+    oldSink = osg::Log::the().setSink([this](const osg::LogMessage& m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        messages.push_back(m);
+    });
 }
 
 LogCapture::~LogCapture() {
@@ -36,6 +39,7 @@ LogCapture::~LogCapture() {
 
 std::vector<std::string> LogCapture::texts(int level) const {
     std::vector<std::string> out;
+    std::lock_guard<std::mutex> lock(mutex);
     for (const auto& m : messages)
         if (level < 0 || m.level == level)
             out.push_back(m.text);

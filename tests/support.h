@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -79,7 +80,9 @@ private:
     std::string _tag;
 };
 
-// Captures log messages for its lifetime, at the given threshold.
+// Captures log messages for its lifetime, at the given threshold. Network threads may log while
+// a test reads: texts() and text() take the capture's lock; reading messages directly is for
+// tests without such threads.
 struct LogCapture {
     explicit LogCapture(int level = osg::LOG_NOTICE);
     ~LogCapture();
@@ -88,6 +91,7 @@ struct LogCapture {
     std::string text(int level = -1) const;
 
     std::vector<osg::LogMessage> messages;
+    mutable std::mutex mutex;
     int oldLevel;
     osg::Log::Sink oldSink;
 };

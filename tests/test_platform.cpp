@@ -90,6 +90,16 @@ TEST(Log, LimiterLetsABurstThroughThenCountsAndSummarises) {
     limiter.write(osg::LOG_NOTICE, "Kelo", __FILE__, __LINE__, __func__, "quiet\n");
     EXPECT_EQ(log.texts().back(), "again\n");
     EXPECT_EQ(limiter.held(), 0);
+
+    // A program that stops counts what its current interval held back.
+    for (int i = 0; i < 4; ++i)
+        limiter.write(osg::LOG_FATAL, "Kelo", __FILE__, __LINE__, __func__, "late\n");
+    osg::LogLimiter::flushAll();
+    EXPECT_EQ(limiter.held(), 2);
+    osg::LogLimiter::flushAll(true);
+    EXPECT_EQ(limiter.held(), 0);
+    EXPECT_THAT(log.texts().back(),
+                ::testing::StartsWith("2 more messages like \"late\" held back"));
 }
 
 TEST(ParamLine, PairsQuotesRepeatsAndErrors) {

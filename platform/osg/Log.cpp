@@ -1,5 +1,7 @@
 #include "osg/Log.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -103,8 +105,12 @@ long LogLimiter::held() const {
 
 void LogLimiter::summarise(std::unique_lock<std::mutex>& lock) {
     const long held = _held;
-    const auto seconds =
-        std::chrono::duration_cast<std::chrono::duration<double>>(_interval).count();
+    // Held messages all came within one interval from its start; a forced flush ends it early.
+    const auto span = std::min<std::chrono::steady_clock::duration>(
+        _interval, std::chrono::steady_clock::now() - _start);
+    const double seconds =
+        std::round(std::chrono::duration_cast<std::chrono::duration<double>>(span).count() * 10) /
+        10;
     _held = 0;
     if (held == 0)
         return;
@@ -151,15 +157,15 @@ void LogLimiter::write(int level, const char* module, const char* file, int line
     va_end(args);
 }
 
-void LogLimiter::flush() {
+void LogLimiter::flush(bool force) {
     std::unique_lock<std::mutex> lock(_mutex);
-    if (_held > 0 && std::chrono::steady_clock::now() - _start >= _interval) {
+    if (_held > 0 && (force || std::chrono::steady_clock::now() - _start >= _interval)) {
         summarise(lock);
         _written = 0;
     }
 }
 
-void LogLimiter::flushAll() {
+void LogLimiter::flushAll(bool force) {
     std::vector<LogLimiter*> all;
     {
         std::lock_guard<std::mutex> lock(limitersMutex);
@@ -167,7 +173,7 @@ void LogLimiter::flushAll() {
     }
     // Limiters are statics of their call sites: they outlive every caller of this.
     for (LogLimiter* limiter : all)
-        limiter->flush();
+        limiter->flush(force);
 }
 
 void Log::write(int level, const char* module, const char* file, int line, const char* function,

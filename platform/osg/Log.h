@@ -91,8 +91,9 @@ public:
     // Writes the summary of an interval that has ended with messages held back. Messages
     // that never come again are still counted this way: the owner of a long-running loop calls
     // flushAll() now and then.
-    void flush();
-    static void flushAll();
+    // With force, also an interval still under way: for a program that is about to stop.
+    void flush(bool force = false);
+    static void flushAll(bool force = false);
     // Messages held back and not yet summarised.
     long held() const;
 
