@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 namespace KeloTest {
 
@@ -53,6 +54,15 @@ std::string LogCapture::text(int level) const {
     return out;
 }
 
+size_t LogCapture::count(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    size_t n = 0;
+    for (const auto& m : messages)
+        if (m.text.find(part) != std::string::npos)
+            ++n;
+    return n;
+}
+
 void setPcm(Kelo::Source& source, const std::vector<unsigned char>& bytes, unsigned rate,
             unsigned bits, unsigned channels) {
     stderrOf([&] {
@@ -80,6 +90,27 @@ std::string readFile(const std::string& path) {
 
 std::string scratch(const std::string& name) {
     return ::testing::TempDir() + "kelo-" + std::to_string(getpid()) + "-" + name;
+}
+
+bool until(const std::function<bool()>& done, const std::function<void()>& step,
+           std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        step();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+long residentKiB() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    return -1;
 }
 
 }  // namespace KeloTest

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -89,6 +92,9 @@ struct LogCapture {
     // The texts in order, all or at one level, listed or joined.
     std::vector<std::string> texts(int level = -1) const;
     std::string text(int level = -1) const;
+    // Whether any text, and how many, contain part.
+    bool has(const std::string& part) const { return count(part) > 0; }
+    size_t count(const std::string& part) const;
 
     std::vector<osg::LogMessage> messages;
     mutable std::mutex mutex;
@@ -127,5 +133,13 @@ std::string readFile(const std::string& path);
 
 // A file name in the temporary directory unique to this process.
 std::string scratch(const std::string& name);
+
+// Runs step until done() or the time is up; whether done() came true.
+bool until(
+    const std::function<bool()>& done, const std::function<void()>& step = [] {},
+    std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
+
+// This process's resident memory (VmRSS) in KiB, or -1 when it cannot be read.
+long residentKiB();
 
 }  // namespace KeloTest

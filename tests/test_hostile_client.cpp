@@ -7,8 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,6 +28,8 @@
 #include "support.h"
 
 using KeloTest::LogCapture;
+using KeloTest::residentKiB;
+using KeloTest::until;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -37,17 +37,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-bool until(
-    const std::function<bool()>& done, const std::function<void()>& step = [] {},
-    std::chrono::milliseconds limit = 5000ms) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        step();
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
+// The client backend added to world with params.
+Kelo::ClientBackend* addClient(Kelo::World& world, const std::string& params) {
+    return static_cast<Kelo::ClientBackend*>(world.addBackend("client", params.c_str()));
 }
 
 // The commands a bare server has received, until the client is gone and all is read.
@@ -81,8 +73,7 @@ TEST(ClientShutdown, AServerWaitingForItsCatchUpGetsTheReset) {
         ASSERT_TRUE(raw.open("127.0.0.1", 0, false));
         KeloTest::Scene world;
         world.createEmitter({"a"});
-        auto* client = static_cast<Kelo::ClientBackend*>(world.addBackend(
-            "client", ("servers=127.0.0.1:" + std::to_string(raw.listeningPort())).c_str()));
+        auto* client = addClient(world, "servers=127.0.0.1:" + std::to_string(raw.listeningPort()));
         ASSERT_TRUE(until([&] { return client->joiningServers() == 1; }));
         world.deleteAllBackends();  // before any update(): no catch-up, only the reset
         EXPECT_THAT(commandsReceived(raw), ElementsAre(Kelo::ResetWorld)) << "round " << round;
@@ -116,8 +107,7 @@ TEST(ClientReports, PlayingTimesAreKeptOnePerSource) {
     std::vector<Kelo::Source*> sources;
     for (int id = 1; id <= 4; ++id)
         sources.push_back(world.createSource(id));
-    auto* client = static_cast<Kelo::ClientBackend*>(world.addBackend(
-        "client", ("servers=127.0.0.1:" + std::to_string(raw.listeningPort())).c_str()));
+    auto* client = addClient(world, "servers=127.0.0.1:" + std::to_string(raw.listeningPort()));
     ASSERT_TRUE(
         until([&] { return client->servers() == 1 && raw.size() == 1; }, [&] { world.update(); }));
 
@@ -154,8 +144,7 @@ TEST(ClientLabels, AnEmitterBeyondTheCapsIsSentCutAndLogged) {
     LocalServer server;
     LogCapture log(osg::LOG_WARNING);
     KeloTest::Scene world;
-    auto* client = static_cast<Kelo::ClientBackend*>(
-        world.addBackend("client", ("servers=127.0.0.1:" + std::to_string(server.port())).c_str()));
+    auto* client = addClient(world, "servers=127.0.0.1:" + std::to_string(server.port()));
     std::vector<std::string> labels(40, "room");
     labels[3] = std::string(400, 'l');
     Kelo::Emitter* e = world.createEmitter(labels);
@@ -199,15 +188,6 @@ constexpr long kAllocatorFactor = 8;
 #else
 constexpr long kAllocatorFactor = 4;
 #endif
-
-long residentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    return -1;
-}
 
 std::vector<uint8_t> encoded(Kelo::CreateEmitterEvent& e) {
     std::vector<uint8_t> out;
@@ -268,11 +248,10 @@ TEST(ClientLabels, EmittersCostTheServerAboutTheirBytesOnTheWire) {
 TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
     LogCapture log(osg::LOG_WARNING);
     KeloTest::Scene world;
-    auto* client = static_cast<Kelo::ClientBackend*>(
-        world.addBackend("client",
-                         "servers=127.0.0.1:99999999999,:7000,nohost groupPort=70000 retry=inf "
-                         "sendLimit=10 multicast=maybe group=10.0.0.1 interface=banana "
-                         "transferData=perhaps"));
+    auto* client = addClient(world,
+                             "servers=127.0.0.1:99999999999,:7000,nohost groupPort=70000 retry=inf "
+                             "sendLimit=10 multicast=maybe group=10.0.0.1 interface=banana "
+                             "transferData=perhaps");
     const Kelo::KeloMultiClient& c = *client->communicator();
     EXPECT_EQ(c.port(), 7627);
     EXPECT_EQ(c.retryInterval(), 3.0);
@@ -303,8 +282,7 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
 
     for (const char* value : {"1e308", "-1", "0.01", "nan", "3s"}) {
         KeloTest::Scene other;
-        auto* b = static_cast<Kelo::ClientBackend*>(
-            other.addBackend("client", (std::string("multicast=off retry=") + value).c_str()));
+        auto* b = addClient(other, std::string("multicast=off retry=") + value);
         EXPECT_EQ(b->communicator()->retryInterval(), 3.0) << value;
     }
 }
@@ -312,10 +290,10 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
 TEST(ClientParameters, GoodValuesAreTaken) {
     LogCapture log(osg::LOG_WARNING);
     KeloTest::Scene world;
-    auto* client = static_cast<Kelo::ClientBackend*>(
-        world.addBackend("client",
-                         "multicast=no groupPort=65535 retry=0.05 sendLimit=65536 group=239.1.2.3 "
-                         "interface=127.0.0.1 transferData=off"));
+    auto* client =
+        addClient(world,
+                  "multicast=no groupPort=65535 retry=0.05 sendLimit=65536 group=239.1.2.3 "
+                  "interface=127.0.0.1 transferData=off");
     const Kelo::KeloMultiClient& c = *client->communicator();
     EXPECT_EQ(c.port(), 65535);
     EXPECT_EQ(c.retryInterval(), 0.05);

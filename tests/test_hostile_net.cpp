@@ -11,14 +11,10 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -33,6 +29,11 @@
 #include <Lirra/MultiServer.h>
 #include <osg/Log.h>
 
+#include "support.h"
+
+using KeloTest::LogCapture;
+using KeloTest::residentKiB;
+using KeloTest::until;
 using namespace std::chrono_literals;
 
 namespace {
@@ -87,43 +88,6 @@ std::string frameStart(uint32_t length, size_t count) {
     s += std::string("\x18\x79\0\0", 4);  // type 31000, stamp 0
     s += std::string(count, 'y');
     return s;
-}
-
-// Log messages seen from any thread.
-class Log {
-public:
-    explicit Log(int level = osg::LOG_WARNING) : _oldLevel(osg::Log::the().level()) {
-        osg::Log::the().setLevel(level);
-        _oldSink = osg::Log::the().setSink([this](const osg::LogMessage& m) {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _texts.push_back(m.text);
-        });
-    }
-    ~Log() {
-        osg::Log::the().setSink(std::move(_oldSink));
-        osg::Log::the().setLevel(_oldLevel);
-    }
-    bool has(const std::string& part) const {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return std::any_of(_texts.begin(), _texts.end(),
-                           [&](const std::string& t) { return t.find(part) != std::string::npos; });
-    }
-
-private:
-    mutable std::mutex _mutex;
-    std::vector<std::string> _texts;
-    int _oldLevel;
-    osg::Log::Sink _oldSink;
-};
-
-bool until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5000ms) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 // A peer written by hand: plain blocking sends, reads with a time limit.
@@ -233,16 +197,6 @@ int pump(Lirra::MultiCommunicator& m) {
     return read;
 }
 
-// Resident memory of this process in MiB.
-double residentMiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stod(line.substr(6)) / 1024;
-    return 0;
-}
-
 struct Server : Lirra::MultiServer {
     Server() {
         setMulticastEnabled(false);
@@ -255,7 +209,7 @@ struct Server : Lirra::MultiServer {
 TEST(HostileNet, APartialFrameIsDroppedAtItsDeadlineAndItsMemoryGoes) {
     Server server;
     server.setFrameDeadline(2, 48u << 20);  // 2 s and a second for 48 MiB
-    const double before = residentMiB();
+    const long before = residentKiB();
     RawPeer peer(server.listeningPort());
     ASSERT_TRUE(peer.send(kPreamble + frameStart(48u << 20, 32u << 20)));
     EXPECT_TRUE(until([&] { return server.receiveHeld() >= (48u << 20); }));
@@ -265,7 +219,7 @@ TEST(HostileNet, APartialFrameIsDroppedAtItsDeadlineAndItsMemoryGoes) {
     pump(server);
     EXPECT_EQ(server.size(), 0u);
     if (kMeasuresMemory) {
-        EXPECT_LT(residentMiB() - before, 12) << "held on to the partial frame";
+        EXPECT_LT(residentKiB() - before, 12 << 10) << "held on to the partial frame";
     }
 }
 
@@ -366,25 +320,25 @@ TEST(HostileNet, MemoryFallsBackAfterTheLargestFrame) {
     if (!kMeasuresMemory)
         GTEST_SKIP() << "resident memory is not meaningful under the sanitizers";
     Server server;
-    const double before = residentMiB();
+    const long before = residentKiB();
     RawPeer peer(server.listeningPort());
     ASSERT_TRUE(peer.send(kPreamble));
     std::thread sender([&] { peer.send(blobFrame((64u << 20) - 12)); });
     int read = 0;
-    EXPECT_TRUE(until([&] { return (read += pump(server)) == 1; }, 10000ms));
+    EXPECT_TRUE(until([&] { return (read += pump(server)) == 1; }, [] {}, 10000ms));
     sender.join();
     std::this_thread::sleep_for(1500ms);  // the connection idles: a check shrinks its buffer
-    EXPECT_LT(residentMiB() - before, 24) << "an idle connection holds on to the frame";
+    EXPECT_LT(residentKiB() - before, 24 << 10) << "an idle connection holds on to the frame";
     peer.close();
     EXPECT_TRUE(until([&] {
         pump(server);
         return server.size() == 0;
     }));
-    EXPECT_LT(residentMiB() - before, 24) << "memory stays after the connection closed";
+    EXPECT_LT(residentKiB() - before, 24 << 10) << "memory stays after the connection closed";
 }
 
 TEST(HostileNet, ClientsBeyondTheCapAreToldAndTheCapIsLogged) {
-    Log log;
+    LogCapture log(osg::LOG_WARNING);
     Server server;
     ASSERT_TRUE(server.setMaxConnections(2));
     EXPECT_FALSE(server.setMaxConnections(0));
@@ -419,7 +373,7 @@ struct RefusingServer : Server {
 };
 
 TEST(HostileNet, AGoodbyeReachesTheClientsLog) {
-    Log log;
+    LogCapture log(osg::LOG_WARNING);
     RefusingServer server;
     Lirra::MultiClient client;
     client.setMulticastEnabled(false);
@@ -438,7 +392,7 @@ TEST(HostileNet, AGoodbyeReachesTheClientsLog) {
 }
 
 TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
-    Log log;
+    LogCapture log(osg::LOG_WARNING);
     Lirra::MultiClient client;
     for (double bad : {HUGE_VAL, 1e308, -1.0, 0.0, 0.01, std::nan("")})
         EXPECT_FALSE(client.setRetryInterval(bad)) << bad;
@@ -455,7 +409,7 @@ TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
 }
 
 TEST(HostileNet, AHandlerThatThrowsDoesNotStopTheNetworkThread) {
-    Log log(osg::LOG_FATAL);
+    LogCapture log(osg::LOG_FATAL);
     Lirra::detail::NetworkThread thread;
     boost::asio::post(thread.io(), [] { throw std::out_of_range("hops"); });
     EXPECT_EQ(thread.call([] { return 42; }), 42);

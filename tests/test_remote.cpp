@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -26,25 +25,13 @@
 
 using Kelo::WorldPart;
 using KeloTest::LogCapture;
+using KeloTest::until;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using namespace std::chrono_literals;
 
 namespace {
-
-// Runs step until done() or the time is up.
-bool until(const std::function<bool()>& done, const std::function<void()>& step,
-           std::chrono::milliseconds limit = 5000ms) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        step();
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 // A server whose own sounds are sources 1 and 2, put back after every reset as a sound server
 // program does.
