@@ -27,7 +27,7 @@ cmake --build build-tsan -j "$jobs" --target test_remote test_discovery \
 cmake -S . -B build-fuzz -G Ninja -DKELO_WERROR=$werror -DCMAKE_C_COMPILER=clang \
     -DCMAKE_CXX_COMPILER=clang++ -DKELO_BUILD_FUZZ=ON -DKELO_BUILD_TESTS=OFF \
     -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_APPS=OFF
-fuzzers=$(sed -n 's/^add_executable(\(fuzz_[a-z0-9_]*\).*/\1/p' fuzz/CMakeLists.txt | tr '\n' ' ')
+fuzzers=$(sed -n 's/^kelo_fuzz(\(fuzz_[a-z0-9_]*\).*/\1/p' fuzz/CMakeLists.txt | tr '\n' ' ')
 cmake --build build-fuzz -j "$jobs" --target $fuzzers
 # A fuzzer adds what it finds to its corpus: give each a copy, not the checked-in one. The event
 # decoder's seeds are in fuzz/corpus, every other fuzz_NAME's in fuzz/corpus-NAME.
