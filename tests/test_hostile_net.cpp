@@ -450,6 +450,11 @@ void starvedServer(int toParent, int fromParent) {
 }
 
 TEST(HostileNet, RunningOutOfDescriptorsBacksOffAndRecovers) {
+#ifdef KELO_UNDEFINED_SANITIZER
+    // Its check of virtual calls probes memory through a pipe: with no descriptor left, it
+    // takes every object for a bad one.
+    GTEST_SKIP() << "UBSan needs descriptors of its own";
+#endif
     int up[2], down[2];
     ASSERT_EQ(::pipe(up), 0);
     ASSERT_EQ(::pipe(down), 0);
