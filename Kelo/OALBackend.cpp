@@ -1,8 +1,11 @@
 #include "Kelo/OALBackend.h"
 
+#include <AL/alext.h>
 #include <AL/alut.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "Kelo/Emitter.h"
@@ -44,6 +47,43 @@ int frameBytes(ALenum format) {
     return index < 4u ? bytes[index] : 0;
 }
 
+// Mixing rates a device may be asked for.
+constexpr long kMinFrequency = 8000;
+constexpr long kMaxFrequency = 192000;
+
+// A list of names as ALC returns them: each ends with a null, the list with a second one.
+std::vector<std::string> nameList(const ALCchar* names) {
+    std::vector<std::string> out;
+    for (const ALCchar* name = names; name && *name; name += out.back().size() + 1)
+        out.emplace_back(name);
+    return out;
+}
+
+// The full device names where the library offers them, else the short ones.
+ALCenum deviceSpecifier() {
+    return alcIsExtensionPresent(nullptr, "ALC_ENUMERATE_ALL_EXT") ? ALC_ALL_DEVICES_SPECIFIER
+                                                                   : ALC_DEVICE_SPECIFIER;
+}
+
+std::string hrtfStatusText(ALCint status) {
+    switch (status) {
+        case ALC_HRTF_DISABLED_SOFT:
+            return "disabled";
+        case ALC_HRTF_ENABLED_SOFT:
+            return "enabled";
+        case ALC_HRTF_DENIED_SOFT:
+            return "denied (the configuration forbids it)";
+        case ALC_HRTF_REQUIRED_SOFT:
+            return "required (the configuration forces it)";
+        case ALC_HRTF_HEADPHONES_DETECTED_SOFT:
+            return "enabled (headphones detected)";
+        case ALC_HRTF_UNSUPPORTED_FORMAT_SOFT:
+            return "unsupported format (the device is not stereo)";
+        default:
+            return "unknown status " + std::to_string(status);
+    }
+}
+
 }  // namespace
 
 BackendType OALBackend::_type("openal", &OALBackend::createMethod);
@@ -52,13 +92,181 @@ Backend* OALBackend::createMethod(World& world, const char* params) {
     return new OALBackend(world, params);
 }
 
+std::vector<std::string> OALBackend::playbackDevices() {
+    return nameList(alcGetString(nullptr, deviceSpecifier()));
+}
+
+std::vector<std::string> OALBackend::hrtfNames(ALCdevice* device) {
+    std::vector<std::string> out;
+    if (!device || !alcIsExtensionPresent(device, "ALC_SOFT_HRTF"))
+        return out;
+    const auto getStringi =
+        reinterpret_cast<LPALCGETSTRINGISOFT>(alcGetProcAddress(device, "alcGetStringiSOFT"));
+    ALCint count = 0;
+    alcGetIntegerv(device, ALC_NUM_HRTF_SPECIFIERS_SOFT, 1, &count);
+    for (ALCint i = 0; getStringi && i < count; ++i) {
+        const ALCchar* name = getStringi(device, ALC_HRTF_SPECIFIER_SOFT, i);
+        out.emplace_back(name ? name : "");
+    }
+    return out;
+}
+
+std::vector<std::string> OALBackend::hrtfNamesOf(const std::string& deviceName) {
+    ALCdevice* device = alcOpenDevice(deviceName.empty() ? nullptr : deviceName.c_str());
+    std::vector<std::string> out = hrtfNames(device);
+    if (device)
+        alcCloseDevice(device);
+    return out;
+}
+
+void OALBackend::readParams() {
+    if (const char* device = params().getParam("device", nullptr)) {
+        _requestedDevice = device;
+        if (_requestedDevice.empty())
+            KELO_LOG(osg::LOG_WARNING, "OALBackend: device= is empty; using the default device\n");
+    }
+    const std::string hrtf = params().getParam("hrtf", "auto");
+    if (hrtf == "on")
+        _requestedHrtf = Hrtf::On;
+    else if (hrtf == "off")
+        _requestedHrtf = Hrtf::Off;
+    else if (hrtf.rfind("name:", 0) == 0 && hrtf.size() > 5) {
+        _requestedHrtf = Hrtf::On;
+        _requestedHrtfName = hrtf.substr(5);
+    } else if (hrtf != "auto")
+        KELO_LOG(osg::LOG_WARNING,
+                 "OALBackend: hrtf=%s is not auto, on, off or name:SPECIFIER; using auto\n",
+                 hrtf.c_str());
+    if (const char* text = params().getParam("frequency", nullptr)) {
+        char* end = nullptr;
+        errno = 0;
+        const long hz = std::strtol(text, &end, 10);
+        if (end != text && !*end && errno == 0 && hz >= kMinFrequency && hz <= kMaxFrequency)
+            _requestedFrequency = static_cast<int>(hz);
+        else
+            KELO_LOG(osg::LOG_WARNING,
+                     "OALBackend: frequency=%s is not a whole number of Hz in %ld..%ld; using "
+                     "the device's rate\n",
+                     text, kMinFrequency, kMaxFrequency);
+    }
+}
+
+std::vector<ALCint> OALBackend::attributes() const {
+    std::vector<ALCint> attrs;
+    if (_requestedFrequency > 0)
+        attrs.insert(attrs.end(), {ALC_FREQUENCY, _requestedFrequency});
+    if (_requestedHrtf != Hrtf::Auto && alcIsExtensionPresent(_device, "ALC_SOFT_HRTF")) {
+        attrs.insert(attrs.end(),
+                     {ALC_HRTF_SOFT, _requestedHrtf == Hrtf::On ? ALC_TRUE : ALC_FALSE});
+        if (!_requestedHrtfName.empty()) {
+            const std::vector<std::string> names = hrtfNames(_device);
+            ALCint index = -1;
+            for (size_t i = 0; i < names.size(); ++i)
+                if (names[i] == _requestedHrtfName)
+                    index = static_cast<ALCint>(i);
+            if (index >= 0) {
+                attrs.insert(attrs.end(), {ALC_HRTF_ID_SOFT, index});
+            } else {
+                std::string known;
+                for (const std::string& name : names)
+                    known += "  " + name + "\n";
+                KELO_LOG(osg::LOG_WARNING,
+                         "OALBackend: no HRTF data set named \"%s\"; using the library's choice. "
+                         "The data sets are:\n%s",
+                         _requestedHrtfName.c_str(), known.empty() ? "  (none)\n" : known.c_str());
+            }
+        }
+    } else if (_requestedHrtf != Hrtf::Auto) {
+        KELO_LOG(osg::LOG_WARNING, "OALBackend: this OpenAL has no ALC_SOFT_HRTF; hrtf ignored\n");
+    }
+    attrs.push_back(0);
+    return attrs;
+}
+
+void OALBackend::readBack() {
+    const ALCchar* name = alcGetString(_device, deviceSpecifier());
+    _deviceName = name ? name : "";
+    ALCint value = 0;
+    alcGetIntegerv(_device, ALC_FREQUENCY, 1, &value);
+    _frequency = value;
+    if (alcIsExtensionPresent(_device, "ALC_SOFT_HRTF")) {
+        value = 0;
+        alcGetIntegerv(_device, ALC_HRTF_SOFT, 1, &value);
+        _hrtfEnabled = value == ALC_TRUE;
+        value = ALC_HRTF_DISABLED_SOFT;
+        alcGetIntegerv(_device, ALC_HRTF_STATUS_SOFT, 1, &value);
+        _hrtfStatus = hrtfStatusText(value);
+        const ALCchar* set =
+            _hrtfEnabled ? alcGetString(_device, ALC_HRTF_SPECIFIER_SOFT) : nullptr;
+        _hrtfName = set ? set : "";
+    } else {
+        _hrtfStatus = "not offered by this OpenAL";
+    }
+    alcGetError(_device);  // a query the device does not know must not linger
+}
+
+void OALBackend::matchHrtfRate() {
+    if (!_hrtfEnabled || !_requestedFrequency || _frequency == _requestedFrequency)
+        return;
+    const auto reset =
+        reinterpret_cast<LPALCRESETDEVICESOFT>(alcGetProcAddress(_device, "alcResetDeviceSOFT"));
+    const size_t sets = _requestedHrtfName.empty() ? hrtfNames(_device).size() : 0;
+    for (size_t i = 0; reset && i < sets; ++i) {
+        const ALCint attrs[] = {ALC_FREQUENCY,
+                                _requestedFrequency,
+                                ALC_HRTF_SOFT,
+                                ALC_TRUE,
+                                ALC_HRTF_ID_SOFT,
+                                static_cast<ALCint>(i),
+                                0};
+        if (reset(_device, attrs) == ALC_TRUE) {
+            readBack();
+            if (_hrtfEnabled && _frequency == _requestedFrequency)
+                return;
+        }
+    }
+    if (reset) {  // none fits: back to what was asked for
+        const std::vector<ALCint> attrs = attributes();
+        reset(_device, attrs.data());
+        readBack();
+    }
+    KELO_LOG(osg::LOG_WARNING,
+             "OALBackend: HRTF mixes at its data set's rate: %d Hz instead of %d Hz\n", _frequency,
+             _requestedFrequency);
+}
+
+std::string OALBackend::describe() const {
+    if (!_context)
+        return "no device (inert)";
+    std::string out = "device \"" + _deviceName + "\", " + std::to_string(_frequency) +
+                      " Hz, HRTF " + (_hrtfEnabled ? "on" : "off") + ": " + _hrtfStatus;
+    if (!_hrtfName.empty())
+        out += ", data set \"" + _hrtfName + "\"";
+    return out;
+}
+
 OALBackend::OALBackend(World& world, const char* params) : Backend(world, params) {
-    _device = alcOpenDevice(nullptr);
+    readParams();
+    if (_requestedDevice.empty()) {
+        _device = alcOpenDevice(nullptr);
+    } else {
+        _device = alcOpenDevice(_requestedDevice.c_str());
+        if (!_device) {
+            std::string known;
+            for (const std::string& name : playbackDevices())
+                known += "  " + name + "\n";
+            KELO_LOG(osg::LOG_FATAL,
+                     "OALBackend: no playback device named \"%s\"; the devices are:\n%s",
+                     _requestedDevice.c_str(), known.empty() ? "  (none)\n" : known.c_str());
+        }
+    }
     if (!_device) {
         KELO_LOG(osg::LOG_FATAL, "Open OpenAL device failed\n");
         return;
     }
-    _context = alcCreateContext(_device, nullptr);
+    // Nothing asked for: no attributes, exactly as before there were parameters.
+    const std::vector<ALCint> attrs = attributes();
+    _context = alcCreateContext(_device, attrs.size() > 1 ? attrs.data() : nullptr);
     if (!_context) {
         KELO_LOG(osg::LOG_FATAL, "Cannot create OpenAL context\n");
         alcCloseDevice(_device);
@@ -67,6 +275,13 @@ OALBackend::OALBackend(World& world, const char* params) : Backend(world, params
     }
     alcMakeContextCurrent(_context);
     KELO_LOG(osg::LOG_NOTICE, "OpenAL device & context open: ok\n");
+    readBack();
+    matchHrtfRate();
+    KELO_LOG(osg::LOG_NOTICE, "OpenAL %s\n", describe().c_str());
+    // A refusal is worth a warning: the listener will not get the binaural sound asked for.
+    if (_requestedHrtf == Hrtf::On && !_hrtfEnabled)
+        KELO_LOG(osg::LOG_WARNING, "OALBackend: HRTF was asked for and refused: %s\n",
+                 _hrtfStatus.c_str());
 }
 
 OALBackend::~OALBackend() {

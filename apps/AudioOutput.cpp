@@ -42,8 +42,9 @@ std::string chooseAudioOutput(const std::string& wavFile) {
         return "";
     }
     std::ofstream conf(writtenConf);
+    // No rate: OpenAL Soft's default (44100 Hz) unless the backend asks for another.
     conf << "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\n"
-            "frequency=44100\n[wave]\nfile="
+            "[wave]\nfile="
          << wav << "\n";
     if (!conf.flush()) {
         std::fprintf(stderr, "Cannot write %s\n", writtenConf.c_str());

@@ -8,15 +8,18 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <Kelo/BackendFactory.h>
+#include <Kelo/OALBackend.h>
 #include <Kelo/Server.h>
 #include <Kelo/Source.h>
 #include <Lirra/InetAddress.h>
@@ -151,7 +154,7 @@ struct Settings {
     std::string id, host, group, interface, wav;
     unsigned short port = 0, groupPort = 0;
     int ttl = 1, logLevel = osg::LOG_WARNING;
-    bool noMulticast = false, exclusive = false;
+    bool noMulticast = false, exclusive = false, listDevices = false;
     // Zero, or below zero for the idle limit: the library's default.
     size_t maxClients = 0, receiveBudget = 0;
     double idleLimit = -1;
@@ -162,9 +165,47 @@ struct Texts {
     std::string id, host, port = "0", group = Lirra::Multicast::kDefaultGroup,
                           groupPort = std::to_string(Lirra::Multicast::kDefaultPort), ttl = "1",
                           interface = "0.0.0.0", logLevel, wav = "kelo-server.wav", maxClients,
-                          receiveBudget, idleLimit;
-    bool noMulticast = false, exclusive = false;
+                          receiveBudget, idleLimit, device, hrtf, frequency;
+    bool noMulticast = false, exclusive = false, listDevices = false, deviceGiven = false;
 };
+
+// A parameter value in double quotes, as the parameter text reads it.
+std::string quoted(const std::string& value) {
+    std::string out = "\"";
+    for (char c : value)
+        out += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+    return out + "\"";
+}
+
+bool hasControl(const std::string& text) {
+    for (char c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            return true;
+    return false;
+}
+
+// The openal parameters that --device, --hrtf and --frequency ask for, in front of the
+// backend's own ones, so that "openal:hrtf=off" still has the last word.
+std::string audioParams(const Texts& in) {
+    std::string out;
+    if (in.deviceGiven) {
+        if (in.device.empty() || hasControl(in.device))
+            throw BadOption("--device", shown(in.device) + " is not a device name");
+        out += "device=" + quoted(in.device) + " ";
+    }
+    if (!in.hrtf.empty()) {
+        const bool named = in.hrtf.rfind("name:", 0) == 0 && in.hrtf.size() > 5;
+        if (!named && in.hrtf != "auto" && in.hrtf != "on" && in.hrtf != "off")
+            throw BadOption("--hrtf", shown(in.hrtf) + " is not auto, on, off or name:SPECIFIER");
+        if (hasControl(in.hrtf))
+            throw BadOption("--hrtf", shown(in.hrtf) + " is not a data set name");
+        out += "hrtf=" + quoted(in.hrtf) + " ";
+    }
+    if (!in.frequency.empty())
+        out += "frequency=" + std::to_string(integerIn("--frequency", in.frequency, 8000, 192000)) +
+               " ";
+    return out;
+}
 
 Settings check(const Texts& in) {
     Settings out;
@@ -183,10 +224,13 @@ Settings check(const Texts& in) {
             throw BadOption("--sound", "id " + idText + " is given twice");
         out.sounds.push_back({id, text.substr(equals + 1)});
     }
+    const std::string audio = audioParams(in);
     for (const std::string& text : in.backends) {
         const size_t colon = text.find(':');
         Backend backend{text.substr(0, colon),
                         colon == std::string::npos ? "" : text.substr(colon + 1)};
+        if (backend.type == "openal" || backend.type == "default")
+            backend.params = audio + backend.params;
         if (!Kelo::BackendFactory::findBackendType(backend.type == "default" ? std::string("openal")
                                                                              : backend.type))
             throw BadOption("--backend", shown(backend.type) + " is not a backend type");
@@ -225,6 +269,7 @@ Settings check(const Texts& in) {
     out.wav = in.wav;
     out.noMulticast = in.noMulticast;
     out.exclusive = in.exclusive;
+    out.listDevices = in.listDevices;
     if (!in.maxClients.empty())
         out.maxClients = static_cast<size_t>(integerIn("--max-clients", in.maxClients, 1, 10000));
     if (!in.receiveBudget.empty())
@@ -237,6 +282,30 @@ Settings check(const Texts& in) {
             throw BadOption("--idle-limit", in.idleLimit + " is not 0 and not in 10..86400");
     }
     return out;
+}
+
+// --list-devices: what OpenAL offers here (on a machine without a sound device, the wave writer).
+// The wave writer is pointed at a file of its own, so that asking leaves any render alone.
+int listDevices(const std::string& device) {
+    std::string scratch = "kelo-list-devices.wav";
+    try {
+        scratch = (std::filesystem::temp_directory_path() /
+                   ("kelo-" + std::to_string(getpid()) + ".list-devices.wav"))
+                      .string();
+    } catch (const std::filesystem::filesystem_error&) {
+    }
+    const std::string rendering = chooseAudioOutput(scratch);
+    std::printf("playback devices:\n");
+    for (const std::string& name : Kelo::OALBackend::playbackDevices())
+        std::printf("  %s\n", name.c_str());
+    std::printf("HRTF data sets (of %s):\n",
+                device.empty() ? "the default device" : ("\"" + device + "\"").c_str());
+    for (const std::string& name : Kelo::OALBackend::hrtfNamesOf(device))
+        std::printf("  %s\n", name.c_str());
+    forgetAudioOutput();
+    if (!rendering.empty())
+        std::remove(rendering.c_str());
+    return 0;
 }
 
 bool wantsOpenAL(const std::vector<Backend>& backends) {
@@ -288,6 +357,18 @@ int main(int argc, char** argv) {
     app.add_option("--wav", in.wav, "Where to render when there is no sound device")
         ->type_name("FILE")
         ->capture_default_str();
+    app.add_option("--device", in.device,
+                   "The OpenAL playback device, by its exact name (see --list-devices)")
+        ->type_name("NAME");
+    app.add_option("--hrtf", in.hrtf,
+                   "Binaural rendering for headphones: auto (default), on, off, or "
+                   "name:SPECIFIER for one HRTF data set")
+        ->type_name("MODE");
+    app.add_option("--frequency", in.frequency,
+                   "Mixing rate asked of the OpenAL device, 8000..192000 (default: the device's)")
+        ->type_name("HZ");
+    app.add_flag("--list-devices", in.listDevices,
+                 "Print the OpenAL playback devices and HRTF data sets, then exit");
     app.add_flag("--exclusive", in.exclusive,
                  "Serve one client at a time: refuse others while one is connected");
     app.add_option("--max-clients", in.maxClients,
@@ -303,6 +384,7 @@ int main(int argc, char** argv) {
         ->type_name("SECONDS");
     try {
         app.parse(argc, argv);
+        in.deviceGiven = app.count("--device") > 0;
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0)  // --help
             return app.exit(e);
@@ -318,6 +400,8 @@ int main(int argc, char** argv) {
     }
 
     osg::Log::the().setLevel(settings.logLevel);
+    if (settings.listDevices)
+        return listDevices(in.device);
     const std::string rendering =
         wantsOpenAL(settings.backends) ? chooseAudioOutput(settings.wav) : std::string();
 
@@ -369,6 +453,9 @@ int main(int argc, char** argv) {
     std::printf("\n");
     if (!rendering.empty())
         std::printf("kelo-server: no sound device; rendering into %s\n", rendering.c_str());
+    for (const Kelo::Backend* backend : server.backends())
+        if (const auto* audio = dynamic_cast<const Kelo::OALBackend*>(backend))
+            std::printf("kelo-server: openal: %s\n", audio->describe().c_str());
     std::fflush(stdout);
 
     // One thread for the world, its backends and the network: receive a batch of what clients

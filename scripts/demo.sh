@@ -3,21 +3,42 @@
 # and the kelo-demo application driving it over loopback (named address, no multicast) with a
 # sound circling the listener. With a sound device the server plays it; without one it renders
 # into kelo-server.wav, and a picture of the two channels' loudness is drawn from that.
+#
+# --binaural: the server renders with OpenAL Soft's HRTF (for headphones), the circling sound is
+# broadband noise pulses, and a second picture shows the interaural time difference over time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+binaural=
+case "${1:-}" in
+    "") ;;
+    --binaural) binaural=1 ;;
+    *) echo "usage: $0 [--binaural]" >&2; exit 2 ;;
+esac
+
 bash scripts/deps.sh demo
-cmake -S . -B build -G Ninja -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF
-cmake --build build -j "$(nproc)" --target kelo-demo kelo-server
+# KELO_BUILD_DIR: an already configured build directory to use instead of build/.
+build=${KELO_BUILD_DIR:-build}
+[ -f "$build/CMakeCache.txt" ] && [ -n "${KELO_BUILD_DIR:-}" ] ||
+    cmake -S . -B "$build" -G Ninja -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF
+cmake --build "$build" -j "$(nproc)" --target kelo-demo kelo-server
 
 top=$PWD
-work=build/demo
+work=$build/demo
 mkdir -p "$work"
-rm -f kelo-server.wav kelo-demo.png
-build/apps/kelo-demo --write-sounds "$work" 2> /dev/null
+rm -f kelo-server.wav kelo-demo.png kelo-demo-itd.png
+"$build"/apps/kelo-demo --write-sounds "$work" 2> /dev/null
+pulses=$work/pulses.wav
+audio=()
+if [ -n "$binaural" ]; then
+    # A pure tone's delay between the ears is hard to hear and to measure; noise is not.
+    pulses=$work/noise-pulses.wav
+    sox -n -r 44100 -b 16 -c 1 "$pulses" synth 2 whitenoise tremolo 4 100 vol 0.5
+    audio=(--hrtf on)
+fi
 
-build/apps/kelo-server --host 127.0.0.1 --no-multicast --wav "$top/kelo-server.wav" \
-    --sound 1="$work/pulses.wav" --sound 2="$work/hum.wav" > "$work/server.out" 2> "$work/server.err" &
+"$build"/apps/kelo-server --host 127.0.0.1 --no-multicast --wav "$top/kelo-server.wav" "${audio[@]}" \
+    --sound 1="$pulses" --sound 2="$work/hum.wav" > "$work/server.out" 2> "$work/server.err" &
 server=$!
 trap 'kill $server 2> /dev/null || true' EXIT
 port=
@@ -35,7 +56,7 @@ fi
 cat "$work/server.out"
 
 status=0
-build/apps/kelo-demo --server "127.0.0.1:$port" 2> "$work/demo.err" || status=$?
+"$build"/apps/kelo-demo --server "127.0.0.1:$port" 2> "$work/demo.err" || status=$?
 kill -INT $server
 wait $server || true
 trap - EXIT
@@ -44,4 +65,5 @@ cat "$work/server.out" | tail -n +2
 
 if [ -f kelo-server.wav ]; then
     bash scripts/loudness-plot.sh kelo-server.wav kelo-demo.png
+    [ -z "$binaural" ] || bash scripts/itd-plot.sh kelo-server.wav kelo-demo-itd.png
 fi

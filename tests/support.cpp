@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
@@ -112,5 +113,48 @@ long residentKiB() {
             return std::stol(line.substr(6));
     return -1;
 }
+
+namespace Measure {
+
+double dB(const std::vector<float>& x) {
+    double sum = 1e-20;
+    for (float v : x)
+        sum += static_cast<double>(v) * v;
+    return 10 * std::log10(sum / static_cast<double>(x.empty() ? 1 : x.size()));
+}
+
+int lag(const std::vector<float>& a, const std::vector<float>& b, int maxLag) {
+    const long n = static_cast<long>(std::min(a.size(), b.size()));
+    int best = 0;
+    double bestSum = -1e300;
+    for (int k = -maxLag; k <= maxLag; ++k) {
+        double sum = 0;
+        for (long i = std::max(0L, -static_cast<long>(k)); i < n && i + k < n; ++i)
+            sum += static_cast<double>(a[static_cast<size_t>(i)]) * b[static_cast<size_t>(i + k)];
+        if (sum > bestSum) {
+            bestSum = sum;
+            best = k;
+        }
+    }
+    return best;
+}
+
+double highBandDB(const std::vector<float>& x, double rate, double cutoff) {
+    // The high-pass biquad of R. Bristow-Johnson's cookbook, Q = 1/sqrt(2).
+    const double w = 2 * M_PI * cutoff / rate, alpha = std::sin(w) / std::sqrt(2.0),
+                 c = std::cos(w), a0 = 1 + alpha;
+    const double b0 = (1 + c) / 2 / a0, b1 = -(1 + c) / a0, b2 = b0, a1 = -2 * c / a0,
+                 a2 = (1 - alpha) / a0;
+    double x1 = 0, x2 = 0, y1 = 0, y2 = 0;
+    std::vector<float> y(x.size());
+    for (size_t i = 0; i < x.size(); ++i) {
+        const double out = b0 * x[i] + b1 * x1 + b2 * x2 - a1 * y1 - a2 * y2;
+        x2 = x1, x1 = x[i], y2 = y1, y1 = out;
+        y[i] = static_cast<float>(out);
+    }
+    return dB(y);
+}
+
+}  // namespace Measure
 
 }  // namespace KeloTest

@@ -142,4 +142,16 @@ bool until(
 // This process's resident memory (VmRSS) in KiB, or -1 when it cannot be read.
 long residentKiB();
 
+// The few measurements the rendering tests make on one channel of samples (full scale 1.0).
+// Kept to these three on purpose: anything more belongs in a signal-processing library.
+namespace Measure {
+// RMS level in dB relative to full scale.
+double dB(const std::vector<float>& x);
+// The lag in samples, within +-maxLag, of the best cross-correlation of b against a:
+// positive when b comes later than a.
+int lag(const std::vector<float>& a, const std::vector<float>& b, int maxLag);
+// Level in dB of what lies above cutoff Hz (a second-order Butterworth high-pass).
+double highBandDB(const std::vector<float>& x, double rate, double cutoff);
+}  // namespace Measure
+
 }  // namespace KeloTest
