@@ -172,6 +172,7 @@ TEST(URLDisplay, ShowsNoUserInformationButFetchesWithIt) {
     EXPECT_EQ(URLImpl::withoutUserInfo("no url @ all"), "no url @ all");
     EXPECT_EQ(URLImpl::withoutUserInfo("http:/alice:s3cret@host/a%zz"), "http:/host/a%zz");
     EXPECT_EQ(URLImpl::withoutUserInfo("h:/u@/v@h/x"), "h://h/x");  // a second one appears
+    EXPECT_EQ(URLImpl::withoutUserInfo("ftp://a:b\\type=x@h/p"), "ftp://h/p");  // not the end
     // Text whose URL would not read back as itself is refused.
     for (const char* text : {"file:b/x.wav", "/../p://x"})
         EXPECT_EQ(errorOf<URLImpl::Exception>([&] { URL{text}; }), "Cannot parse URL") << text;

@@ -285,7 +285,9 @@ std::string removeUserInfo(const std::string& text) {
         return text;
     }
     start = std::min(text.find_first_not_of("/\\", start), text.size());
-    const std::size_t end = std::min(text.find_first_of("/\\?#", start), text.size());
+    // A backslash does not end the authority for libcurl ("ftp://a:b\c@h/p" has the
+    // password "b\c"); where it does, going on to the next '/' only hides more.
+    const std::size_t end = std::min(text.find_first_of("/?#", start), text.size());
     const std::size_t at = text.rfind('@', end == 0 ? 0 : end - 1);
     if (at == std::string::npos || at < start || at >= end) {
         return text;
