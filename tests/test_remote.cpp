@@ -283,12 +283,16 @@ TEST(Remote, AServerThatDiesAndReturnsIsCaughtUpAgain) {
     const osg::Vec3f away(9, 9, 9);
     app.world.getEmitter(id)->setTransform(&away, nullptr);
     server = std::make_unique<SoundServer>(port);
-    ASSERT_TRUE(
-        until([&] { return server->getEmitter(id) && server->getEmitter(id)->position() == away; },
-              [&] {
-                  app.world.update();
-                  server->receive(false);
-              }));
+    // The catch-up's last emitter is the one of the highest id (40000, which wraps to -25536).
+    ASSERT_TRUE(until(
+        [&] {
+            return server->getEmitter(id) && server->getEmitter(id)->position() == away &&
+                   server->getEmitter(-25536);
+        },
+        [&] {
+            app.world.update();
+            server->receive(false);
+        }));
     expectMirrored(app.world, *server);
 }
 
