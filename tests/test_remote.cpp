@@ -352,8 +352,10 @@ TEST(Remote, HostilePeersAreDroppedAndOthersGoOn) {
     for (const std::string& bytes : attacks) {
         boost::asio::ip::tcp::socket s(io);
         s.connect(at);
-        boost::asio::write(s, boost::asio::buffer(bytes));
-        s.shutdown(boost::asio::ip::tcp::socket::shutdown_send);
+        // The server may have dropped this peer already: that is the point, not a failure.
+        boost::system::error_code gone;
+        boost::asio::write(s, boost::asio::buffer(bytes), gone);
+        s.shutdown(boost::asio::ip::tcp::socket::shutdown_send, gone);
         for (int i = 0; i < 50; ++i) {
             server.receive(false);
             std::this_thread::sleep_for(2ms);
