@@ -2,7 +2,7 @@
 # Builds everything and runs the whole test suite twice: once in a normal build and once under
 # AddressSanitizer + UndefinedBehaviorSanitizer; runs the networking tests under
 # ThreadSanitizer; then runs every fuzz target of fuzz/CMakeLists.txt briefly (KELO_FUZZ_SECONDS
-# each, 15 by default), each on a copy of its seed corpus, and fails on any finding. All of it
+# each, 15 by default), each on a copy of its checked-in corpus, and fails on any finding. All of it
 # runs inside a private network namespace with only loopback up, so nothing can reach a real
 # network.
 set -euo pipefail
@@ -30,13 +30,13 @@ cmake -S . -B build-fuzz -G Ninja -DKELO_WERROR=$werror -DCMAKE_C_COMPILER=clang
 fuzzers=$(sed -n 's/^kelo_fuzz(\(fuzz_[a-z0-9_]*\).*/\1/p' fuzz/CMakeLists.txt | tr '\n' ' ')
 cmake --build build-fuzz -j "$jobs" --target $fuzzers
 # A fuzzer adds what it finds to its corpus: give each a copy, not the checked-in one. The event
-# decoder's seeds are in fuzz/corpus, every other fuzz_NAME's in fuzz/corpus-NAME.
+# decoder's inputs are in fuzz/corpus, every other fuzz_NAME's in fuzz/corpus-NAME.
 for fuzzer in $fuzzers; do
-    seeds=fuzz/corpus-${fuzzer#fuzz_}
-    if [ "$fuzzer" = fuzz_events ]; then seeds=fuzz/corpus; fi
+    inputs=fuzz/corpus-${fuzzer#fuzz_}
+    if [ "$fuzzer" = fuzz_events ]; then inputs=fuzz/corpus; fi
     rm -rf "build-fuzz/corpus-$fuzzer"
     mkdir -p "build-fuzz/corpus-$fuzzer"
-    if [ -d "$seeds" ]; then cp -r "$seeds"/. "build-fuzz/corpus-$fuzzer"; fi
+    if [ -d "$inputs" ]; then cp -r "$inputs"/. "build-fuzz/corpus-$fuzzer"; fi
 done
 fuzz_seconds=${KELO_FUZZ_SECONDS:-15}
 
