@@ -46,6 +46,14 @@ BackendType* BackendFactory::findBackendType(const std::string& name) {
     return it == _backendTypeMap->end() ? nullptr : it->second;
 }
 
+std::vector<std::string> BackendFactory::typeNames() {
+    std::vector<std::string> names;
+    if (_backendTypeMap)
+        for (const auto& entry : *_backendTypeMap)
+            names.push_back(entry.first);
+    return names;
+}
+
 void BackendFactory::printTypes() {
     std::fputs("TypeList: \n", stdout);
     std::fflush(stdout);

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace Kelo {
 
@@ -23,6 +24,8 @@ public:
     static void removeBackendType(BackendType* type);
     // The entry registered under name, or null.
     static BackendType* findBackendType(const std::string& name);
+    // Every registered name, ascending.
+    static std::vector<std::string> typeNames();
     // "TypeList: " and every registered name, ascending, one per line, on standard output.
     static void printTypes();
 

@@ -20,7 +20,9 @@ public:
     virtual ~BackendType();
 
     const std::string& name() const { return _name; }
-    Backend* createBackend(World& world, const char* params) const;
+    // Virtual for types whose creation needs more than a function pointer (a class of another
+    // language, say); those pass a null create method.
+    virtual Backend* createBackend(World& world, const char* params) const;
 
 private:
     std::string _name;
