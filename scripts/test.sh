@@ -14,7 +14,8 @@ werror=OFF
 [ "${CI:-}" = true ] && werror=ON
 jobs=$(nproc)
 
-cmake -S . -B build -G Ninja -DKELO_WERROR=$werror
+cmake -S . -B build -G Ninja -DKELO_WERROR=$werror -DKELO_BUILD_PYTHON=ON \
+    -DPython_EXECUTABLE=/usr/bin/python3
 cmake --build build -j "$jobs"
 cmake -S . -B build-asan -G Ninja -DKELO_WERROR=$werror -DCMAKE_BUILD_TYPE=Debug \
     -DKELO_SANITIZE=address,undefined -DKELO_BUILD_BENCH=OFF

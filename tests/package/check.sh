@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the build tree into a scratch prefix, then builds and runs a consumer against it
-# twice: through find_package(Kelo) and through pkg-config.
+# twice: through find_package(Kelo) and through pkg-config; imports the Python module if built.
 set -euo pipefail
 build=$1 work=$2
 here=$(cd "$(dirname "$0")" && pwd)
@@ -21,4 +21,11 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 # shellcheck disable=SC2046
 c++ "$here/consumer.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs kelo)
 [ "$(LD_LIBRARY_PATH=$libdir "$work/pc-consumer")" = "consumer ok" ]
+
+# The Python module, when built, finds the moved library by itself and has its stub beside it.
+module=$(find "$prefix" -name 'kelo.cpython-*.so' | head -n 1)
+if [ -n "$module" ]; then
+    [ -f "$(dirname "$module")/kelo.pyi" ]
+    [ "$(PYTHONPATH=$(dirname "$module") /usr/bin/python3 -c 'import kelo; print(kelo.__file__)')" = "$module" ]
+fi
 echo "package ok"
