@@ -111,7 +111,7 @@ py::object Tracker::handle(Kelo::Emitter* emitter) {
 
 py::object Tracker::handle(Kelo::Backend* backend) {
     if (auto* python = dynamic_cast<PythonBackend*>(backend))
-        return python->instance();
+        return python->instance() ? python->instance() : py::none();  // none while in __init__
     return lookUp(_backends, backend, [&] {
         const Kelo::BackendType* type = backend->type();
         return std::make_shared<BackendHandle>(*backend, _box, type ? type->name() : "");
@@ -146,6 +146,10 @@ void Tracker::forgetAll() {
 }
 
 py::object Tracker::world() const {
+    // A world being deleted has already left pybind11's registry: a cast now would make a
+    // second Python object for it, which would outlive it.
+    if (_box.dying())
+        return py::none();
     return py::cast(&_box, py::return_value_policy::reference);
 }
 

@@ -228,8 +228,13 @@ plain kelo.Backend objects.)");
                 backend->attach(handle);
             return handle;
         }))
-        .def_property_readonly(
-            "world", [](const BackendHandle& self) { return self.box().tracker().world(); })
+        .def_property_readonly("world",
+                               [](const BackendHandle& self) {
+                                   py::object world = self.box().tracker().world();
+                                   if (world.is_none())
+                                       throw std::runtime_error("the world is being deleted");
+                                   return world;
+                               })
         .def_property_readonly("type",
                                [](const BackendHandle& self) {
                                    self.get();

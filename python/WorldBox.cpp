@@ -54,6 +54,7 @@ WorldBox::WorldBox() : _tracker(*this) {
 WorldBox::WorldBox(int) : _tracker(*this) {}
 
 WorldBox::~WorldBox() {
+    _dying = true;
     release();
 }
 

@@ -26,6 +26,8 @@ public:
     // The same, for a change: also refused while a backend is being notified.
     Kelo::World& change() const;
     bool closed() const { return !_world; }
+    // In the destructor: Python has let go of the world.
+    bool dying() const { return _dying; }
     virtual void close();
     Tracker& tracker() { return _tracker; }
 
@@ -55,6 +57,7 @@ protected:
     std::unique_ptr<Kelo::World> _world;
     Tracked* _tracked = nullptr;
     int _busy = 0;
+    bool _dying = false;
 };
 
 // kelo.Server: a sound server whose receiving is driven from Python.

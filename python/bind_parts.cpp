@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <optional>
 
@@ -218,8 +219,13 @@ void bindParts(py::module_& module) {
             "set_data_from_url",
             [](const SourceHandle& self, const std::string& url) {
                 Kelo::Source& source = self.change();
+                // The library resolves paths against the directory it started in; a Python
+                // program expects the one it is in now (os.chdir).
+                std::string text = url;
+                if (!text.empty() && text.find(':') == std::string::npos && text[0] != '/')
+                    text = (std::filesystem::current_path() / text).string();
                 try {
-                    source.setDataFromURL(url);
+                    source.setDataFromURL(text);
                 } catch (const Lirra::URLImpl::Exception& error) {
                     throw py::value_error(std::string(error.what()) + ": " + url);
                 }
