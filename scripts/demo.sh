@@ -6,21 +6,40 @@
 #
 # --binaural: the server renders with OpenAL Soft's HRTF (for headphones), the circling sound is
 # broadband noise pulses, and a second picture shows the interaural time difference over time.
+#
+# --python: builds the kelo Python module and runs examples/circle.py instead, the pulses circling
+# the listener rendered by the script's own world (into kelo-server.wav when there is no device).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-binaural=
+binaural= python=
 case "${1:-}" in
     "") ;;
     --binaural) binaural=1 ;;
-    *) echo "usage: $0 [--binaural]" >&2; exit 2 ;;
+    --python) python=1 ;;
+    *) echo "usage: $0 [--binaural | --python]" >&2; exit 2 ;;
 esac
 
 bash scripts/deps.sh demo
 # KELO_BUILD_DIR: an already configured build directory to use instead of build/.
 build=${KELO_BUILD_DIR:-build}
 [ -f "$build/CMakeCache.txt" ] && [ -n "${KELO_BUILD_DIR:-}" ] ||
-    cmake -S . -B "$build" -G Ninja -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF
+    cmake -S . -B "$build" -G Ninja -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_BENCH=OFF \
+        -DKELO_BUILD_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3
+if [ -n "$python" ]; then
+    cmake --build "$build" -j "$(nproc)" --target kelo_python
+    rm -f kelo-server.wav kelo-demo.png
+    # As the programs decide: the device OpenAL opens by default, else its wave writer. Asked in
+    # a process of its own, so that the example's OpenAL still reads the configuration it gets.
+    wav=()
+    [ -n "${ALSOFT_CONF:-}" ] || /usr/bin/python3 -c 'import ctypes, sys
+al = ctypes.CDLL("libopenal.so.1")
+al.alcOpenDevice.restype = ctypes.c_void_p
+sys.exit(0 if al.alcOpenDevice(None) else 1)' 2> /dev/null || wav=(--wav "$PWD/kelo-server.wav")
+    PYTHONPATH="$build/python" /usr/bin/python3 examples/circle.py "${wav[@]}"
+    [ ! -f kelo-server.wav ] || bash scripts/loudness-plot.sh kelo-server.wav kelo-demo.png
+    exit 0
+fi
 cmake --build "$build" -j "$(nproc)" --target kelo-demo kelo-server
 
 top=$PWD
