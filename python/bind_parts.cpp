@@ -233,13 +233,12 @@ void bindParts(py::module_& module) {
             py::arg("url"), "A sound file's URL; a path is taken from the current directory.")
         .def(
             "set_param",
-            [](const SourceHandle& self, std::optional<bool> loop, std::optional<double> pitch) {
+            [](const SourceHandle& self, bool loop, double pitch) {
                 Kelo::Source& source = self.change();
-                const float newPitch = pitch ? finite(*pitch, "pitch") : source.pitch();
-                source.setParam(loop.value_or(source.loop()), newPitch);
+                source.setParam(loop, finite(pitch, "pitch"));
             },
-            py::arg("loop") = py::none(), py::arg("pitch") = py::none(),
-            "Loop flag and pitch; None keeps the present value.")
+            py::arg("loop") = false, py::arg("pitch") = 1.0,
+            "Loop flag and pitch, both set at once (the defaults are a new source's).")
         .def("dump_wav", &dumpWav, py::arg("path"), "Writes the PCM samples as a WAV file.")
         .def("delete", &deletePart<SourceHandle>)
         .def("__repr__", &repr<SourceHandle>);
@@ -309,17 +308,13 @@ void bindParts(py::module_& module) {
             py::arg("max_back"), py::arg("max_front"), py::arg("min_back"), py::arg("min_front"))
         .def(
             "set_param",
-            [](const EmitterHandle& self, std::optional<bool> spatialize,
-               std::optional<double> extra, std::optional<double> gain) {
+            [](const EmitterHandle& self, bool spatialize, double extra, double gain) {
                 Kelo::Emitter& emitter = self.change();
-                emitter.setParam(spatialize.value_or(emitter.spatialize()),
-                                 extra ? finite(*extra, "extra") : emitter.extraParam(),
-                                 gain ? finite(*gain, "gain") : emitter.gain());
+                emitter.setParam(spatialize, finite(extra, "extra"), finite(gain, "gain"));
             },
-            py::arg("spatialize") = py::none(), py::arg("extra") = py::none(),
-            py::arg("gain") = py::none(),
-            "Spatialize switch, extra parameter and gain; None keeps "
-            "the present value.")
+            py::arg("spatialize") = true, py::arg("extra") = 0.0, py::arg("gain") = 1.0,
+            "Spatialize switch, extra parameter and gain, all set at once (the defaults are a "
+            "new emitter's).")
         .def("delete", &deletePart<EmitterHandle>)
         .def("__repr__", &repr<EmitterHandle>);
 }
