@@ -337,10 +337,23 @@ Command ClientBackend::emitterState2Command(WorldPart::State state) {
 }
 
 bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
+    // Counts what goes out, added to the totals once the catch-up is sent.
+    struct Counted : Lirra::Sender {
+        explicit Counted(Lirra::Communicator* to) : to(to) {}
+        bool write(const uint8_t* bytes, size_t count) override {
+            if (!to->write(bytes, count))
+                return false;
+            ++frames;
+            this->bytes += count;
+            return true;
+        }
+        Lirra::Communicator* to;
+        uint64_t frames = 0, bytes = 0;
+    } counted(server);
     // One object per class, overwritten for every part, each sent to this server alone.
-    auto to = [server](CommandEvent& e) {
+    auto to = [&counted](CommandEvent& e) {
         e.setStamp(CommandEvent::kSenderStamp);
-        e.send(server);
+        e.send(&counted);
     };
     CommandEvent command(ResetWorld, 0);
     to(command);
@@ -403,6 +416,9 @@ bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
             to(command);
         }
     }
+    _catchUps.fetch_add(1, std::memory_order_relaxed);
+    _catchUpEvents.fetch_add(counted.frames, std::memory_order_relaxed);
+    _catchUpBytes.fetch_add(counted.bytes, std::memory_order_relaxed);
     return true;
 }
 
@@ -448,6 +464,24 @@ size_t ClientBackend::servers() const {
     return _communicator ? _communicator->size() : 0;
 }
 
+uint64_t ClientBackend::eventsSent() const {
+    return _catchUpEvents.load(std::memory_order_relaxed) +
+           (_communicator ? _communicator->sentFrames() : 0);
+}
+
+uint64_t ClientBackend::bytesSent() const {
+    return _catchUpBytes.load(std::memory_order_relaxed) +
+           (_communicator ? _communicator->sentBytes() : 0);
+}
+
+size_t ClientBackend::bytesQueued() const {
+    return _communicator ? _communicator->queuedBytes() : 0;
+}
+
+uint64_t ClientBackend::serversDropped() const {
+    return _communicator ? _communicator->sendLimitDrops() : 0;
+}
+
 size_t ClientBackend::joiningServers() const {
     std::lock_guard<std::mutex> lock(_pendingMutex);
     return _joining.size();
@@ -478,6 +512,7 @@ int ClientBackend::receiveThread() {
             delete event;
         } else {
             KELO_LOG(osg::LOG_FATAL, "ClientBackend: Lost server\n");
+            _serversLost.fetch_add(1, std::memory_order_relaxed);
             _communicator->removeCommunicator(server);
             if (server)
                 server->close();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -75,6 +77,19 @@ public:
     // The connections and their settings, as the parameters left them.
     const KeloMultiClient* communicator() const { return _communicator.get(); }
 
+    // For monitoring; any thread may read these. Events sent and their bytes, counted once for
+    // each server that was given them, catch-ups included.
+    uint64_t eventsSent() const;
+    uint64_t bytesSent() const;
+    // Bytes waiting to be sent to the servers now.
+    size_t bytesQueued() const;
+    // Servers dropped for falling behind: more than sendLimit bytes waited for them.
+    uint64_t serversDropped() const;
+    // Servers whose connection was lost, whatever the cause (the dropped ones included).
+    uint64_t serversLost() const { return _serversLost.load(std::memory_order_relaxed); }
+    // Whole-world states sent to servers that connected.
+    uint64_t catchUps() const { return _catchUps.load(std::memory_order_relaxed); }
+
     static Backend* createMethod(World& world, const char* params);
     static BackendType _type;
 
@@ -100,6 +115,12 @@ private:
     bool _closing = false;  // being destroyed: a server that connects gets the reset alone
     // The latest playing time reported for each source id.
     std::map<int16_t, std::unique_ptr<SourceDurationEvent>> _durations;
+
+    // Counted here: catch-ups go to one server each, past the set that counts live events.
+    std::atomic<uint64_t> _catchUps{0};
+    std::atomic<uint64_t> _catchUpEvents{0};
+    std::atomic<uint64_t> _catchUpBytes{0};
+    std::atomic<uint64_t> _serversLost{0};
 };
 
 }  // namespace Kelo

@@ -18,6 +18,37 @@ CommandEvent& CommandEvent::operator=(const CommandEvent& other) {
     return *this;
 }
 
+const char* CommandEvent::commandName(int16_t command) {
+    switch (command) {
+#define KELO_COMMAND_NAME(name) \
+    case name:                  \
+        return #name;
+        KELO_COMMAND_NAME(ResetWorld)
+        KELO_COMMAND_NAME(EnableWorld)
+        KELO_COMMAND_NAME(DisableWorld)
+        KELO_COMMAND_NAME(SetListenerTransform)
+        KELO_COMMAND_NAME(CreateSource)
+        KELO_COMMAND_NAME(DestroySource)
+        KELO_COMMAND_NAME(SetSourceParam)
+        KELO_COMMAND_NAME(SourceDuration)
+        KELO_COMMAND_NAME(PlaySource)
+        KELO_COMMAND_NAME(PauseSource)
+        KELO_COMMAND_NAME(StopSource)
+        KELO_COMMAND_NAME(CreateEmitter)
+        KELO_COMMAND_NAME(DestroyEmitter)
+        KELO_COMMAND_NAME(SetEmitterParam)
+        KELO_COMMAND_NAME(SetEmitterConnection)
+        KELO_COMMAND_NAME(SetEmitterTransform)
+        KELO_COMMAND_NAME(SetEmitterHull)
+        KELO_COMMAND_NAME(PlayEmitter)
+        KELO_COMMAND_NAME(PauseEmitter)
+        KELO_COMMAND_NAME(StopEmitter)
+#undef KELO_COMMAND_NAME
+        default:
+            return nullptr;
+    }
+}
+
 void CommandEvent::addFields() {
     Lirra::Event::addFields();
     addField(_command);

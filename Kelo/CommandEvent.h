@@ -53,6 +53,9 @@ public:
     void setCommand(int16_t command) { _command = command; }
     void setId(int16_t id) { _id = id; }
 
+    // The command's name as the enum spells it ("SetEmitterTransform"); null for a number
+    // that is no command.
+    static const char* commandName(int16_t command);
     // A world id on the wire: its low 16 bits (70000 travels as 4464).
     static int16_t wireId(int id) { return static_cast<int16_t>(static_cast<uint16_t>(id)); }
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include <Lirra/IOException.h>
+#include <Lirra/InetAddress.h>
 #include <Lirra/PolledWebServer.h>
 #include <Lirra/WebPageObject.h>
 #include <Lirra/WebPageRedirection.h>
@@ -18,8 +19,11 @@
 #include <Parmel/Base.h>
 #include <Tovan/SysInfo.h>
 
+#include "Kelo/ClientBackend.h"
 #include "Kelo/Emitter.h"
+#include "Kelo/Exposition.h"
 #include "Kelo/Log.h"
+#include "Kelo/Server.h"
 #include "Kelo/Source.h"
 #include "Kelo/World.h"
 
@@ -397,6 +401,8 @@ WebBackend::WebBackend(World& world, const char* params)
     server.addPage("/scene.html", Lirra::WebPageStatic("text/html; charset=utf-8", scenePage()));
     server.addPage("/scene.json",
                    Lirra::WebPageObject<WebBackend>(this, &WebBackend::createScenePage));
+    server.addPage("/metrics",
+                   Lirra::WebPageObject<WebBackend>(this, &WebBackend::createMetricsPage));
     server.setName("Kelo");
     server.setLogSize(0);
 
@@ -410,14 +416,14 @@ WebBackend::WebBackend(World& world, const char* params)
         KELO_LOG(osg::LOG_NOTICE, "%s\n", error.what());
         return;
     }
+    // The host name, as people know the machine; the address too when the server listens on
+    // one address only, since the name may lead elsewhere (to 127.0.1.1, say, or another host).
     const Lirra::SocketAddress address = server.socketAddress();
-    std::string shown = address.getHostAddress();
-    if (address.isWildcard())
-        shown = Tovan::SysInfo::the().host();
-    else if (shown.find(':') != std::string::npos)
-        shown = "[" + shown + "]";
-    KELO_LOG(osg::LOG_LOG, "Web server open ok: http://%s:%d\n", shown.c_str(),
-             static_cast<int>(address.getServicePort()));
+    const std::string bound =
+        address.isWildcard() ? "" : " (listening on " + address.getHostAddress() + ")";
+    KELO_LOG(osg::LOG_LOG, "Web server open ok: http://%s:%u%s\n",
+             Lirra::InetAddress::getLocalHostName().c_str(),
+             static_cast<unsigned>(address.getServicePort()), bound.c_str());
 }
 
 WebBackend::WebBackend(const WebBackend& other) : Backend(other) {}
@@ -541,6 +547,107 @@ bool WebBackend::createScenePage(const ProtocolHTTP::Request&, ProtocolHTTP::Rep
     reply.setHeader("Cache-Control", "no-store");
     reply.setBody(std::move(out));
     return true;
+}
+
+bool WebBackend::createMetricsPage(const ProtocolHTTP::Request&, ProtocolHTTP::Reply& reply) {
+    reply.setStatus(200);
+    reply.setHeader("Content-Type", Exposition::kContentType);
+    reply.setHeader("Cache-Control", "no-store");
+    reply.setBody(metrics());
+    return true;
+}
+
+namespace {
+
+// One family of a client backend's series, one sample for each client backend.
+struct ClientSeries {
+    const char* name;
+    const char* type;
+    const char* help;
+    uint64_t (*value)(const ClientBackend&);
+};
+
+const ClientSeries clientSeries[] = {
+    {"kelo_client_servers", "gauge", "Servers connected and caught up, receiving live changes.",
+     [](const ClientBackend& c) -> uint64_t { return c.servers(); }},
+    {"kelo_client_servers_joining", "gauge",
+     "Servers connected and waiting for their catch-up in the next update.",
+     [](const ClientBackend& c) -> uint64_t { return c.joiningServers(); }},
+    {"kelo_client_events_sent_total", "counter",
+     "Command events sent, once for each server that was given them, catch-ups included.",
+     [](const ClientBackend& c) -> uint64_t { return c.eventsSent(); }},
+    {"kelo_client_sent_bytes_total", "counter",
+     "Bytes of the command events sent, once for each server that was given them.",
+     [](const ClientBackend& c) -> uint64_t { return c.bytesSent(); }},
+    {"kelo_client_queued_bytes", "gauge", "Bytes waiting to be sent to the servers.",
+     [](const ClientBackend& c) -> uint64_t { return c.bytesQueued(); }},
+    {"kelo_client_servers_dropped_total", "counter",
+     "Servers dropped for falling behind: more than sendLimit bytes waited for them.",
+     [](const ClientBackend& c) -> uint64_t { return c.serversDropped(); }},
+    {"kelo_client_servers_lost_total", "counter",
+     "Server connections lost, whatever the cause, the dropped ones included.",
+     [](const ClientBackend& c) -> uint64_t { return c.serversLost(); }},
+    {"kelo_client_catchups_total", "counter",
+     "Catch-ups sent: the whole world, to a server that connected.",
+     [](const ClientBackend& c) -> uint64_t { return c.catchUps(); }},
+};
+
+}  // namespace
+
+std::string WebBackend::metrics() const {
+    const World& w = world();
+    const Exposition::Labels none;
+    Exposition out;
+    out.family("kelo_sources", "gauge", "Sources in the world.");
+    out.sample("kelo_sources", none, static_cast<uint64_t>(w.sources().size()));
+    out.family("kelo_emitters", "gauge", "Emitters in the world.");
+    out.sample("kelo_emitters", none, static_cast<uint64_t>(w.emitters().size()));
+    out.family("kelo_backends", "gauge", "Backends of the world.");
+    out.sample("kelo_backends", none, static_cast<uint64_t>(w.backends().size()));
+    out.family("kelo_update_duration_seconds", "histogram",
+               "Time one World::update() took: the frame's work of every backend.");
+    out.histogram("kelo_update_duration_seconds", none, w.updateTimes().snapshot());
+
+    // Labelled by their order among the world's client backends, from 0, even when there is
+    // one: a second one added later does not rename the first one's series.
+    std::vector<const ClientBackend*> clients;
+    for (const Backend* backend : w.backends())
+        if (const auto* client = dynamic_cast<const ClientBackend*>(backend))
+            clients.push_back(client);
+    for (const ClientSeries& series : clientSeries) {
+        if (clients.empty())
+            break;
+        out.family(series.name, series.type, series.help);
+        for (size_t i = 0; i < clients.size(); ++i)
+            out.sample(series.name, {{"backend", std::to_string(i)}}, series.value(*clients[i]));
+    }
+
+    const auto* server = dynamic_cast<const Server*>(&w);
+    if (!server)
+        return out.text();
+    out.family("kelo_server_clients", "gauge", "Clients connected.");
+    out.sample("kelo_server_clients", none, static_cast<uint64_t>(server->clients()));
+    out.family("kelo_server_events_received_total", "counter",
+               "Command events received, by command.");
+    for (int16_t command = 1; command <= StopEmitter; ++command)
+        if (const char* name = CommandEvent::commandName(command))
+            out.sample("kelo_server_events_received_total", {{"command", name}},
+                       server->receivedEvents(command));
+    out.sample("kelo_server_events_received_total", {{"command", "unknown"}},
+               server->receivedEvents(NoCommand));
+    out.family("kelo_server_refused_total", "counter",
+               "Frames refused and clients dropped or turned away, by reason.");
+    for (const auto& [reason, count] : server->refusals())
+        out.sample("kelo_server_refused_total", {{"reason", reason}}, count);
+    out.family("kelo_server_durations_reported_total", "counter",
+               "Playing times of sounds reported to the clients.");
+    out.sample("kelo_server_durations_reported_total", none, server->durationsReported());
+    out.family("kelo_server_receive_held_bytes", "gauge",
+               "Received bytes not yet read, over all clients: what counts against the receive "
+               "budget.");
+    out.sample("kelo_server_receive_held_bytes", none,
+               static_cast<uint64_t>(server->receiveHeld()));
+    return out.text();
 }
 
 }  // namespace Kelo

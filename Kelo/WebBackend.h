@@ -21,6 +21,8 @@ namespace Kelo {
 //   /log.html    the web server's request log
 //   /Style.css   the style sheet, /favicon.ico the icon
 //   /scene.html  a live top-down view of the listener and the emitters, fed by /scene.json
+//   /metrics     counts and timings for Prometheus: the world's, and those of its client
+//                backends and of the server when the world is one
 // Parameters: "host" (address to listen on; loopback when absent), "port" (the web server's
 // fixed default when absent; a port of the system's choosing when that one is taken), and the
 // web server's limits: "clients" and "clientsPerAddress" (connections held at once, in all and
@@ -59,6 +61,11 @@ public:
     // view draws.
     bool createScenePage(const Lirra::ProtocolHTTP::Request& request,
                          Lirra::ProtocolHTTP::Reply& reply);
+    // The metrics in the Prometheus text format (0.0.4).
+    bool createMetricsPage(const Lirra::ProtocolHTTP::Request& request,
+                           Lirra::ProtocolHTTP::Reply& reply);
+    // The metrics page's text.
+    std::string metrics() const;
 
     // Null for a copy; closed when it could not be opened.
     Lirra::PolledWebServer* webServer() const { return _webServer.get(); }

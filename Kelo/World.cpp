@@ -1,5 +1,7 @@
 #include "Kelo/World.h"
 
+#include <chrono>
+
 #include "Kelo/Backend.h"
 #include "Kelo/BackendFactory.h"
 #include "Kelo/Emitter.h"
@@ -176,7 +178,10 @@ Source* World::getSource(int id) const {
 }
 
 bool World::update() {
+    const auto start = std::chrono::steady_clock::now();
     fanOut(_backends, &Backend::update);
+    _updateTimes.observe(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     return true;
 }
 

@@ -7,6 +7,8 @@
 #include <osg/Quaternion.h>
 #include <osg/Vec3f.h>
 
+#include "Kelo/Histogram.h"
+
 namespace Kelo {
 
 class Backend;
@@ -64,8 +66,11 @@ public:
     virtual Source* createSource(int id = 0);
     virtual Source* getSource(int id) const;
 
-    // Once per frame: calls update() on every backend.
+    // Once per frame: calls update() on every backend. Each call's time goes into
+    // updateTimes().
     virtual bool update();
+    // How long update() took, for monitoring; any thread may read it.
+    const Histogram& updateTimes() const { return _updateTimes; }
 
     // Creates a backend by type name and replays the world's state to it.
     Backend* addBackend(const char* type, const char* params);
@@ -96,6 +101,7 @@ private:
     // A vector: the fan-out walks it on every change, and it changes only when backends come
     // and go.
     std::vector<Backend*> _backends;
+    Histogram _updateTimes;
 };
 
 }  // namespace Kelo

@@ -21,6 +21,7 @@
 #include <boost/beast/http.hpp>
 
 #include <Kelo/WebBackend.h>
+#include <Lirra/InetAddress.h>
 #include <Lirra/PolledWebServer.h>
 #include <Tovan/SysInfo.h>
 
@@ -173,7 +174,8 @@ std::string indexPage(unsigned backends, unsigned sources, unsigned emitters) {
 
 TEST_F(WebTest, OpensOnLoopbackAndServesThePagesOnOneKeptAliveConnection) {
     EXPECT_THAT(created,
-                ElementsAre("Web server open ok: http://127.0.0.1:" + std::to_string(port) + "\n",
+                ElementsAre("Web server open ok: http://" + Lirra::InetAddress::getLocalHostName() +
+                                ":" + std::to_string(port) + " (listening on 127.0.0.1)\n",
                             "Create new Kelo backend: web\n"));
     EXPECT_EQ(backend->type()->name(), "web");
     EXPECT_TRUE(std::regex_match(Kelo::WebBackend::buildTime(),
@@ -374,7 +376,8 @@ TEST(WebBackend, PortFallsBackWhenTakenAndAFailedOpenLeavesAQuietBackend) {
     const uint16_t port = moved->webServer()->socketAddress().getServicePort();
     EXPECT_NE(port, busy);
     EXPECT_THAT(log.texts(),
-                ElementsAre("Web server open ok: http://127.0.0.1:" + std::to_string(port) + "\n"));
+                ElementsAre("Web server open ok: http://" + Lirra::InetAddress::getLocalHostName() +
+                            ":" + std::to_string(port) + " (listening on 127.0.0.1)\n"));
 
     log.messages.clear();
     Kelo::Backend* failed = world.addBackend("web", "host=192.0.2.1");  // not an address of ours

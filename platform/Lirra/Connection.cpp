@@ -130,8 +130,10 @@ void Connection::start(Handshaken handshaken) {
     write(kPreamble, sizeof kPreamble);
     _deadline.expires_after(kHandshakeTimeout);
     _deadline.async_wait([self = shared_from_this()](boost::system::error_code ec) {
-        if (!ec && !self->_handshakeDone && !self->_lingering)
+        if (!ec && !self->_handshakeDone && !self->_lingering) {
+            self->_hub->count(Refusal::HandshakeTimeout);
             self->fail("no preamble in time");
+        }
     });
     readPreamble();
 }
@@ -151,10 +153,11 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
     if (_lingering)
         return read();
     _deadline.cancel();
-    if (std::memcmp(_peerPreamble, kPreamble, 4) != 0)
-        return fail("not a Kelo peer");
-    if (std::memcmp(_peerPreamble, kPreamble, 8) != 0)
-        return fail("another protocol version");
+    if (std::memcmp(_peerPreamble, kPreamble, 8) != 0) {
+        _hub->count(Refusal::BadPreamble);
+        return fail(std::memcmp(_peerPreamble, kPreamble, 4) != 0 ? "not a Kelo peer"
+                                                                  : "another protocol version");
+    }
     _handshakeDone = true;
     _lastReceived = Clock::now();
     try {
@@ -198,6 +201,7 @@ void Connection::chunkRead(const boost::system::error_code& ec, size_t count) {
                 // Out of memory, most likely: this connection goes, the others stay.
                 _fault.why = std::string("cannot take in what it sent: ") + e.what();
                 _fault.reason = "the receiver is short of memory";
+                _hub->count(Refusal::NoMemory);
             }
         }
         pause = _lost || (_complete > 0 && _rx.size() > kReceiveBacklog);
@@ -239,6 +243,7 @@ void Connection::received(size_t count) {
                 _fault.why = "frame of " + std::to_string(length) + " bytes, more than the " +
                              std::to_string(maxFrame) + " allowed";
                 _fault.reason = _fault.why;
+                _hub->count(Refusal::TooLarge);
                 break;
             }
             if (held + added + need > budget) {
@@ -248,6 +253,7 @@ void Connection::received(size_t count) {
                 _fault.reason = "frame of " + std::to_string(length) +
                                 " bytes refused: over the receive budget of " +
                                 std::to_string(budget) + " bytes";
+                _hub->count(Refusal::Budget);
                 break;
             }
             // Room for a large frame in one go: growing step by step would copy it again
@@ -394,6 +400,7 @@ bool Connection::check() {
     if (idle > 0 && secondsSince(_lastReceived, now) > idle) {
         char text[96];
         std::snprintf(text, sizeof text, "nothing received for %g s", idle);
+        _hub->count(Refusal::Idle);
         drop(text, text);
         return false;
     }
@@ -405,6 +412,7 @@ bool Connection::check() {
             char text[128];
             std::snprintf(text, sizeof text, "frame of %u bytes not completed within %.1f s",
                           length, allowed);
+            _hub->count(Refusal::FrameTimeout);
             drop(text, text);
             return false;
         }
@@ -418,6 +426,7 @@ bool Connection::write(const uint8_t* bytes, size_t count) {
         return false;
     if (_tx.size() + count > _sendLimit) {
         _closed = true;
+        _hub->sendLimitDrops.fetch_add(1, std::memory_order_relaxed);
         LIRRA_LOG_LIMITED(osg::LOG_WARNING,
                           "Dropped connection to %s: more than %zu bytes waiting to be sent\n",
                           _peer.c_str(), _sendLimit);
@@ -488,6 +497,11 @@ void Connection::flush() {
 bool Connection::drained() {
     std::lock_guard<std::mutex> lock(_txMutex);
     return _closed || (_tx.empty() && !_writing);
+}
+
+size_t Connection::queued() {
+    std::lock_guard<std::mutex> lock(_txMutex);
+    return _tx.size();
 }
 
 void Connection::close() {

@@ -3,6 +3,7 @@
 // Internal to the networking library: one TCP connection driven by an Asio io_context. Not
 // installed; the public classes hold it behind pointers.
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include <boost/asio.hpp>
+
+#include "Lirra/MultiCommunicator.h"
 
 namespace Lirra {
 namespace detail {
@@ -34,6 +37,15 @@ struct Hub {
     std::atomic<double> frameGrace{5};
     std::atomic<double> frameMinRate{1 << 20};
     std::atomic<double> keepAlive{5};
+
+    // For monitoring. The sent counts are added to under the lock by MultiCommunicator::write.
+    std::atomic<uint64_t> sentFrames{0};
+    std::atomic<uint64_t> sentBytes{0};
+    std::atomic<uint64_t> sendLimitDrops{0};
+    std::array<std::atomic<uint64_t>, kRefusalKinds> refused{};
+    void count(Refusal refusal) {
+        refused[static_cast<size_t>(refusal)].fetch_add(1, std::memory_order_relaxed);
+    }
 };
 
 // Room a buffer keeps once a large frame has gone through it.
@@ -77,6 +89,8 @@ public:
     void refuse(const std::string& reason);
     // Nothing left to send (or nothing can be sent any more).
     bool drained();
+    // Bytes waiting in the send queue, which the send limit bounds.
+    size_t queued();
 
     // Receiving side, under the hub's lock: moves the complete frames received so far to the
     // end of out. Returns the number of bytes moved. They stay counted in the hub's held

@@ -179,8 +179,10 @@ bool Event::decodeInto(const uint8_t* body, size_t size, std::string* error) {
     return true;
 }
 
-bool Event::receive(Receiver* from, Event*& event) {
+bool Event::receive(Receiver* from, Event*& event, std::string* error) {
     event = nullptr;
+    if (error)
+        error->clear();
     uint8_t length[4];
     if (!from || !from->readExact(length, 4))
         return false;
@@ -189,6 +191,9 @@ bool Event::receive(Receiver* from, Event*& event) {
         LIRRA_LOG_LIMITED(osg::LOG_WARNING,
                           "Refused event frame: %u bytes, more than the %zu allowed\n", size,
                           maxFrameSize());
+        if (error)
+            *error = "frame of " + std::to_string(size) + " bytes, more than the " +
+                     std::to_string(maxFrameSize()) + " allowed";
         return false;
     }
     // Grown as the bytes arrive: a peer that announces a large frame and sends little of it
@@ -211,7 +216,7 @@ bool Event::receive(Receiver* from, Event*& event) {
         FromPeer() { fromPeer = true; }
         ~FromPeer() { fromPeer = false; }
     } peer;
-    event = decode(body.data(), size);
+    event = decode(body.data(), size, error);
     return event != nullptr;
 }
 

@@ -61,8 +61,9 @@ public:
     // object for many frames. False, with the object's fields undefined, when refused.
     bool decodeInto(const uint8_t* body, size_t size, std::string* error = nullptr);
     // Reads one frame and decodes it; false (and a null event) when the stream ended, the frame
-    // is larger than maxFrameSize() or cannot be decoded. The caller owns the event.
-    static bool receive(Receiver* from, Event*& event);
+    // is larger than maxFrameSize() or cannot be decoded. The caller owns the event. When a
+    // frame was refused, *error (when given) says why; it is left empty when the stream ended.
+    static bool receive(Receiver* from, Event*& event, std::string* error = nullptr);
 
     // Frames announcing more than this are refused before anything is read or allocated.
     static size_t maxFrameSize();

@@ -16,6 +16,9 @@ public:
     bool isMulticast() const;
     bool operator==(const InetAddress& other) const { return _text == other._text; }
 
+    // This machine's host name; "localhost" when the system cannot say.
+    static std::string getLocalHostName();
+
 private:
     std::string _text = "0.0.0.0";
 };

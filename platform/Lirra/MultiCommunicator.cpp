@@ -35,12 +35,27 @@ void MultiCommunicator::close() {
         delete c;
 }
 
+const char* refusalName(Refusal refusal) {
+    static const char* const names[kRefusalKinds] = {
+        "too_large",        "budget",       "frame_timeout",     "idle",
+        "too_many_clients", "bad_preamble", "handshake_timeout", "no_memory"};
+    const auto at = static_cast<size_t>(refusal);
+    return at < kRefusalKinds ? names[at] : "unknown";
+}
+
 bool MultiCommunicator::write(const uint8_t* bytes, size_t count) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
-    bool delivered = false;
+    uint64_t delivered = 0;
     for (Communicator* c : _members)
-        delivered |= c->write(bytes, count);
-    return delivered;
+        delivered += c->write(bytes, count) ? 1 : 0;
+    // Writers hold the lock, so a plain load and store add up: cheaper than an atomic add on
+    // the path every event takes.
+    const auto add = [](std::atomic<uint64_t>& counter, uint64_t n) {
+        counter.store(counter.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    };
+    add(_hub->sentFrames, delivered);
+    add(_hub->sentBytes, delivered * count);
+    return delivered > 0;
 }
 
 bool MultiCommunicator::addCommunicator(Communicator* communicator) {
@@ -188,6 +203,31 @@ void MultiCommunicator::setKeepAliveInterval(double seconds) {
         return;
     }
     _hub->keepAlive.store(seconds, std::memory_order_relaxed);
+}
+
+uint64_t MultiCommunicator::sentFrames() const {
+    return _hub->sentFrames.load(std::memory_order_relaxed);
+}
+
+uint64_t MultiCommunicator::sentBytes() const {
+    return _hub->sentBytes.load(std::memory_order_relaxed);
+}
+
+size_t MultiCommunicator::queuedBytes() const {
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    size_t bytes = 0;
+    for (const Communicator* c : _members)
+        bytes += c->_connection->queued();
+    return bytes;
+}
+
+uint64_t MultiCommunicator::sendLimitDrops() const {
+    return _hub->sendLimitDrops.load(std::memory_order_relaxed);
+}
+
+uint64_t MultiCommunicator::refusals(Refusal refusal) const {
+    const auto at = static_cast<size_t>(refusal);
+    return at < kRefusalKinds ? _hub->refused[at].load(std::memory_order_relaxed) : 0;
 }
 
 size_t MultiCommunicator::size() const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -11,6 +13,22 @@ namespace Lirra {
 namespace detail {
 struct Hub;
 }
+
+// Why the connection layer refused a frame or dropped a connection, for monitoring.
+enum class Refusal {
+    TooLarge,          // a frame beyond the largest allowed
+    Budget,            // a frame that would take the receive budget past its limit
+    FrameTimeout,      // a frame not completed in time
+    Idle,              // nothing received for the idle limit
+    TooManyClients,    // one connection more than a server holds
+    BadPreamble,       // a peer that is not a Kelo peer of this protocol version
+    HandshakeTimeout,  // no preamble in time
+    NoMemory,          // what a peer sent could not be taken in
+};
+constexpr size_t kRefusalKinds = 8;
+// The reason as a label: "too_large", "budget", "frame_timeout", "idle", "too_many_clients",
+// "bad_preamble", "handshake_timeout", "no_memory".
+const char* refusalName(Refusal refusal);
 
 // A set of connections. As a Sender it gives every frame to all of them (encoded once). One
 // thread receives: it waits for a connection with input and reads an event from it; a
@@ -71,6 +89,18 @@ public:
     // more).
     double keepAliveInterval() const;
     void setKeepAliveInterval(double seconds);
+
+    // Counts since construction, readable from any thread. Frames and bytes that write() gave
+    // to the connections of the set, once for each connection that took them.
+    uint64_t sentFrames() const;
+    uint64_t sentBytes() const;
+    // Bytes waiting in the send queues of the connections of the set now.
+    size_t queuedBytes() const;
+    // Connections dropped because their send queue passed the send limit: peers that fell
+    // behind.
+    uint64_t sendLimitDrops() const;
+    // Frames refused and connections dropped by the connection layer, by reason.
+    uint64_t refusals(Refusal refusal) const;
 
     // The longest time any of the settings above takes.
     static constexpr double kMaxSeconds = 86400;

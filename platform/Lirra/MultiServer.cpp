@@ -75,6 +75,7 @@ struct MultiServer::Impl {
             LIRRA_LOG_LIMITED(osg::LOG_WARNING,
                               "Refused client %s: too many clients (%zu connected)\n",
                               connection->peer().c_str(), connections);
+            connection->hub().count(Refusal::TooManyClients);
             connection->write(detail::kPreamble, sizeof detail::kPreamble);
             connection->refuse("too many clients (" + std::to_string(connections) + " connected)");
             return;
