@@ -13,6 +13,7 @@
 #include "Kelo/EmitterParamEvent.h"
 #include "Kelo/KeloMultiServer.h"
 #include "Kelo/Log.h"
+#include "Kelo/SessionWriter.h"
 #include "Kelo/Source.h"
 #include "Kelo/SourceDataEvent.h"
 #include "Kelo/SourceDurationEvent.h"
@@ -21,6 +22,17 @@
 #include "Lirra/Communicator.h"
 
 namespace Kelo {
+
+namespace {
+
+// Where a command's count is kept: its number, or 0 for a number that is no command.
+size_t commandSlot(int16_t command) {
+    return command > 0 && command <= StopEmitter && CommandEvent::commandName(command)
+               ? static_cast<size_t>(command)
+               : 0;
+}
+
+}  // namespace
 
 Server::Server() {
     open(0, "");
@@ -89,16 +101,26 @@ int Server::receive(bool block) {
         if (!_communicator->receiveCommunicator(client))
             break;
         Lirra::Event* event = nullptr;
-        if (!Lirra::Event::receive(client, event) || !event) {
+        std::string error;
+        if (!Lirra::Event::receive(client, event, &error) || !event) {
+            if (!error.empty())
+                _badFrames.fetch_add(1, std::memory_order_relaxed);
             KELO_LOG_LIMITED(osg::LOG_FATAL, "Kelo::Server lost client\n");
             dropClient(client);
         } else {
             if (auto* command = dynamic_cast<CommandEvent*>(event)) {
-                _sender = client;
-                heavy = command->command() == ResetWorld;
-                dispatchEvent(command);
-                _sender = nullptr;
+                _receivedEvents[commandSlot(command->command())].fetch_add(
+                    1, std::memory_order_relaxed);
+                if (SessionWriter* recorder = _recorder.load())
+                    recorder->write(*command);
+                if (!_recordOnly) {
+                    _sender = client;
+                    heavy = command->command() == ResetWorld;
+                    dispatchEvent(command);
+                    _sender = nullptr;
+                }
             } else {
+                _badFrames.fetch_add(1, std::memory_order_relaxed);
                 KELO_LOG_LIMITED(osg::LOG_FATAL,
                                  "Kelo::Server got Lirra::Event which is not a Kelo::Event\n");
             }
@@ -115,6 +137,8 @@ int Server::receive(bool block) {
             break;
     }
     _received += handled;
+    if (SessionWriter* recorder = _recorder.load())
+        recorder->flushIfDue();
     return handled;
 }
 
@@ -270,6 +294,7 @@ void Server::setSourceDuration(Source& source) {
     std::lock_guard<std::mutex> lock(_durationMutex);
     _durations[source.id()] = source.duration();
     e.send(_communicator.get());
+    _durationsReported.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool Server::clientConnected(Lirra::Communicator* client) {
@@ -282,6 +307,7 @@ bool Server::clientConnected(Lirra::Communicator* client) {
             _peers[client] = client->peer();
     }
     if (!holder.empty()) {
+        _exclusiveRefusals.fetch_add(1, std::memory_order_relaxed);
         KELO_LOG_LIMITED(osg::LOG_WARNING,
                          "Kelo::Server is exclusive: refused client %s while client %s is "
                          "connected\n",
@@ -380,6 +406,25 @@ const std::string& Server::host() const {
 }
 size_t Server::clients() const {
     return _communicator->size();
+}
+
+uint64_t Server::receivedEvents(int16_t command) const {
+    return _receivedEvents[commandSlot(command)].load(std::memory_order_relaxed);
+}
+
+std::vector<std::pair<std::string, uint64_t>> Server::refusals() const {
+    std::vector<std::pair<std::string, uint64_t>> out;
+    for (size_t i = 0; i < Lirra::kRefusalKinds; ++i) {
+        const auto refusal = static_cast<Lirra::Refusal>(i);
+        out.emplace_back(Lirra::refusalName(refusal), _communicator->refusals(refusal));
+    }
+    out.emplace_back("bad_frame", _badFrames.load(std::memory_order_relaxed));
+    out.emplace_back("exclusive", _exclusiveRefusals.load(std::memory_order_relaxed));
+    return out;
+}
+
+size_t Server::receiveHeld() const {
+    return _communicator->receiveHeld();
 }
 
 void Server::setMaxClients(size_t count) {

@@ -1,15 +1,19 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <Lirra/InetAddress.h>
 #include <Tovan/ObjectThread.h>
 
+#include "Kelo/CommandEvent.h"
 #include "Kelo/World.h"
 
 namespace Lirra {
@@ -18,8 +22,8 @@ class Communicator;
 
 namespace Kelo {
 
-class CommandEvent;
 class KeloMultiServer;
+class SessionWriter;
 class SourceDataEvent;
 
 // A sound server: a world driven by the command events that client backends send, applied to
@@ -83,6 +87,21 @@ public:
     const std::string& host() const;
     bool listening() const { return _listening; }
     int64_t receivedCount() const { return _received; }
+
+    // For monitoring; any thread may read these while the server runs. Command events received
+    // with this command number, since construction (a number that is no command counts under
+    // NoCommand).
+    uint64_t receivedEvents(int16_t command) const;
+    // Playing times reported to the clients.
+    uint64_t durationsReported() const {
+        return _durationsReported.load(std::memory_order_relaxed);
+    }
+    // Frames refused and clients dropped or turned away, by reason, every reason listed:
+    // those of the connection layer (Lirra::refusalName), "bad_frame" (not a command event
+    // this server can read) and "exclusive" (refused while another client is served).
+    std::vector<std::pair<std::string, uint64_t>> refusals() const;
+    // Received bytes not yet read, over all clients: what counts against the receive budget.
+    size_t receiveHeld() const;
     // Connected clients.
     size_t clients() const;
     const std::string& localDataPrefix() const { return _localDataPrefix; }
@@ -104,6 +123,16 @@ public:
     void setIdleLimit(double seconds);
     double idleLimit() const;
 
+    // Every command event received from a client is written to the recorder, with the time it
+    // arrived, before it is applied (null: none, the default). The recorder must outlive the
+    // server or be taken off first, while nothing receives.
+    void setRecorder(SessionWriter* recorder) { _recorder = recorder; }
+    SessionWriter* recorder() const { return _recorder; }
+    // Record only: received events are recorded (and counted) but not applied, so that the
+    // server stands in for a sound server while a session is recorded. Off by default.
+    void setRecordOnly(bool recordOnly) { _recordOnly = recordOnly; }
+    bool recordOnly() const { return _recordOnly; }
+
     // Network thread: a client has connected. It gets the known playing times, then joins,
     // or is refused when the server is exclusive and has a client. Takes the client over: false
     // when it was refused or could not be taken (and is gone).
@@ -120,6 +149,13 @@ private:
 
     std::unique_ptr<KeloMultiServer> _communicator;
     int64_t _received = 0;
+    // By command number; slot 0 for numbers beyond the last command.
+    std::array<std::atomic<uint64_t>, StopEmitter + 1> _receivedEvents{};
+    std::atomic<uint64_t> _durationsReported{0};
+    std::atomic<uint64_t> _badFrames{0};
+    std::atomic<uint64_t> _exclusiveRefusals{0};
+    std::atomic<SessionWriter*> _recorder{nullptr};
+    std::atomic<bool> _recordOnly{false};
     std::unique_ptr<Tovan::ObjectThread<Server, void>> _receiveThread;
     std::string _localDataPrefix;
     bool _listening = false;

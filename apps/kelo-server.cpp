@@ -21,6 +21,7 @@
 #include <Kelo/BackendFactory.h>
 #include <Kelo/OALBackend.h>
 #include <Kelo/Server.h>
+#include <Kelo/SessionWriter.h>
 #include <Kelo/Source.h>
 #include <Lirra/InetAddress.h>
 #include <Lirra/Multicast.h>
@@ -158,6 +159,9 @@ struct Settings {
     // Zero, or below zero for the idle limit: the library's default.
     size_t maxClients = 0, receiveBudget = 0;
     double idleLimit = -1;
+    // The session file (empty: none) and the bytes it may take (0: no limit).
+    std::string record;
+    uint64_t recordLimit = 0;
 };
 
 struct Texts {
@@ -167,6 +171,11 @@ struct Texts {
                           interface = "0.0.0.0", logLevel, wav = "kelo-server.wav", maxClients,
                           receiveBudget, idleLimit, device, hrtf, frequency;
     bool noMulticast = false, exclusive = false, listDevices = false, deviceGiven = false;
+    // --web, --web-host
+    std::string web, webHost = "127.0.0.1";
+    bool webGiven = false;
+    // --record, --record-limit
+    std::string record, recordLimit = "1024";
 };
 
 // A parameter value in double quotes, as the parameter text reads it.
@@ -275,12 +284,26 @@ Settings check(const Texts& in) {
     if (!in.receiveBudget.empty())
         out.receiveBudget =
             static_cast<size_t>(integerIn("--receive-budget", in.receiveBudget, 1, 65536)) << 20;
+    if (in.webGiven) {
+        // A "web" backend after the others: status pages, the live scene and /metrics.
+        const long long port = integerIn("--web", in.web, 1, 65535);
+        const std::string host = numericAddress("--web-host", in.webHost);
+        if (Lirra::InetAddress(host).isMulticast())
+            throw BadOption("--web-host", host + " is a multicast address, not a local one");
+        out.backends.push_back({"web", "host=" + quoted(host) + " port=" + std::to_string(port)});
+    }
     if (!in.idleLimit.empty()) {
         out.idleLimit = numberIn("--idle-limit", in.idleLimit, 0, 86400);
         // Clients send a keep-alive every 5 s: a shorter limit would drop well-behaved ones.
         if (out.idleLimit > 0 && out.idleLimit < 10)
             throw BadOption("--idle-limit", in.idleLimit + " is not 0 and not in 10..86400");
     }
+    out.record = Kelo::SessionWriter::expandName(in.record);
+    if (!in.record.empty() &&
+        (out.record.empty() || out.record.find_first_of("\r\n") != std::string::npos))
+        throw BadOption("--record", shown(in.record) + " is not a file name");
+    out.recordLimit = static_cast<uint64_t>(integerIn("--record-limit", in.recordLimit, 0, 1 << 20))
+                      << 20;
     return out;
 }
 
@@ -308,6 +331,21 @@ int listDevices(const std::string& device) {
     return 0;
 }
 
+// --check-options: the sound files named by path or file: URL must be readable (URLs of
+// other schemes are only parsed: checking them would open a connection).
+void checkSoundFiles(const std::vector<Sound>& sounds) {
+    for (const Sound& sound : sounds) {
+        const std::string name = "sound " + std::to_string(sound.id);
+        try {
+            const auto url = Lirra::URLImpl::create(sound.location, &Lirra::URLFile::_cwd);
+            if (url->scheme() == "file")
+                url->fetch();
+        } catch (const Lirra::URLImpl::Exception& e) {
+            throw BadOption("--sound", name + ": " + e.what());
+        }
+    }
+}
+
 bool wantsOpenAL(const std::vector<Backend>& backends) {
     for (const Backend& backend : backends)
         if (backend.type == "openal" || backend.type == "default")
@@ -318,8 +356,16 @@ bool wantsOpenAL(const std::vector<Backend>& backends) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Under a service manager stdout is a pipe: line by line, so that the journal has each
+    // line when it is written.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     CLI::App app{"Kelo sound server: renders the sound scenes that client applications send."};
     Texts in;
+    app.set_version_flag("--version", "kelo-server " KELO_VERSION);
+    bool checkOptions = false;
+    app.add_flag("--check-options", checkOptions,
+                 "Check every option and that sound files can be read, start nothing, exit 0 "
+                 "(or 2 naming the first bad option)");
     app.add_option("-b,--backend", in.backends,
                    "Backend as TYPE or TYPE:PARAMETERS (repeatable), e.g. \"log\" or "
                    "\"openal:labels=front\"")
@@ -382,11 +428,33 @@ int main(int argc, char** argv) {
                    "Seconds of silence after which a client is dropped, 0 (never) or 10..86400 "
                    "(default: 30)")
         ->type_name("SECONDS");
+    CLI::Option* web =
+        app.add_option("--web", in.web,
+                       "Serve status pages, the live scene and Prometheus /metrics over HTTP on "
+                       "this port, 1..65535 (the system chooses another when it is taken)")
+            ->type_name("PORT");
+    app.add_option("--web-host", in.webHost,
+                   "Numeric address the web pages are served on (0.0.0.0: every interface)")
+        ->type_name("ADDRESS")
+        ->capture_default_str()
+        ->needs(web);
+    CLI::Option* record =
+        app.add_option("--record", in.record,
+                       "Write every command event clients send, with its arrival time, into this "
+                       "session file for kelo-replay (an existing one is replaced; strftime "
+                       "conversions such as %Y%m%d-%H%M%S become the time it starts)")
+            ->type_name("FILE");
+    app.add_option("--record-limit", in.recordLimit,
+                   "MiB the session file may take, 0 for no limit; recording stops there")
+        ->type_name("MiB")
+        ->capture_default_str()
+        ->needs(record);
     try {
         app.parse(argc, argv);
         in.deviceGiven = app.count("--device") > 0;
+        in.webGiven = app.count("--web") > 0;
     } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0)  // --help
+        if (e.get_exit_code() == 0)  // --help, --version
             return app.exit(e);
         std::fprintf(stderr, "kelo-server: %s\n", e.what());
         return 2;
@@ -397,6 +465,15 @@ int main(int argc, char** argv) {
     } catch (const BadOption& e) {
         std::fprintf(stderr, "kelo-server: %s\n", e.what());
         return 2;
+    }
+    if (checkOptions) {
+        try {
+            checkSoundFiles(settings.sounds);
+        } catch (const BadOption& e) {
+            std::fprintf(stderr, "kelo-server: %s\n", e.what());
+            return 2;
+        }
+        return 0;
     }
 
     osg::Log::the().setLevel(settings.logLevel);
@@ -439,6 +516,21 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    Kelo::SessionWriter recorder;
+    if (!settings.record.empty()) {
+        recorder.setLimit(settings.recordLimit);
+        if (!recorder.open(settings.record, "kelo-server --record on " + server.host() + ":" +
+                                                std::to_string(server.port()))) {
+            std::fprintf(stderr, "kelo-server: --record: %s: %s\n", settings.record.c_str(),
+                         recorder.error().c_str());
+            server.clearWorld();
+            server.deleteAllBackends();
+            forgetAudioOutput();
+            return 1;
+        }
+        server.setRecorder(&recorder);
+    }
+
     std::signal(SIGINT, stop);
     std::signal(SIGTERM, stop);
     std::printf("kelo-server: listening on %s:%u", server.host().c_str(), server.port());
@@ -450,6 +542,8 @@ int main(int argc, char** argv) {
                     settings.interface.c_str(), server.id());
     if (settings.exclusive)
         std::printf(", one client at a time");
+    if (!settings.record.empty())
+        std::printf(", recording into %s", settings.record.c_str());
     std::printf("\n");
     if (!rendering.empty())
         std::printf("kelo-server: no sound device; rendering into %s\n", rendering.c_str());
@@ -473,6 +567,12 @@ int main(int argc, char** argv) {
         }
     }
 
+    server.setRecorder(nullptr);
+    if (!settings.record.empty() && !recorder.close())
+        std::fprintf(stderr,
+                     "kelo-server: --record: %s: %s (the file holds the session up to "
+                     "there)\n",
+                     settings.record.c_str(), recorder.error().c_str());
     server.clearWorld();
     server.deleteAllBackends();
     forgetAudioOutput();

@@ -24,7 +24,7 @@ cmake --build build-asan -j "$jobs"
 cmake -S . -B build-tsan -G Ninja -DKELO_WERROR=$werror -DCMAKE_BUILD_TYPE=Debug \
     -DKELO_SANITIZE=thread -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_APPS=OFF
 cmake --build build-tsan -j "$jobs" --target test_remote test_discovery \
-    test_hostile_net test_hostile_server test_hostile_client
+    test_hostile_net test_hostile_server test_hostile_client test_session test_metrics
 cmake -S . -B build-fuzz -G Ninja -DKELO_WERROR=$werror -DCMAKE_C_COMPILER=clang \
     -DCMAKE_CXX_COMPILER=clang++ -DKELO_BUILD_FUZZ=ON -DKELO_BUILD_TESTS=OFF \
     -DKELO_BUILD_BENCH=OFF -DKELO_BUILD_APPS=OFF
@@ -51,7 +51,7 @@ unshare --net bash -c "
     ctest --test-dir build-asan --output-on-failure -j $jobs
     echo '== tests (thread sanitizer) =='
     ctest --test-dir build-tsan --output-on-failure -j $jobs \
-        -R '^(Remote|HostileNet|HostileServer|ClientShutdown|ClientReports|ClientLabels)[.]|discovery'
+        -R '^(Remote|HostileNet|HostileServer|ClientShutdown|ClientReports|ClientLabels|Session|Metrics)[.]|discovery'
     found=''
     for fuzzer in $fuzzers; do
         echo \"== fuzzing: \$fuzzer ($fuzz_seconds s) ==\"
