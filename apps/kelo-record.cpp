@@ -16,9 +16,9 @@
 #include <Lirra/Multicast.h>
 #include <osg/Log.h>
 
-#include "SessionOptions.h"
+#include "AppOptions.h"
 
-using namespace SessionOptions;
+using namespace AppOptions;
 
 namespace {
 

@@ -22,9 +22,9 @@
 #include <Lirra/Multicast.h>
 #include <osg/Log.h>
 
-#include "SessionOptions.h"
+#include "AppOptions.h"
 
-using namespace SessionOptions;
+using namespace AppOptions;
 using Clock = std::chrono::steady_clock;
 
 namespace {

@@ -29,7 +29,10 @@
 #include <Parmel/ParamLine.h>
 #include <osg/Log.h>
 
+#include "AppOptions.h"
 #include "AudioOutput.h"
+
+using namespace AppOptions;
 
 namespace {
 
@@ -88,59 +91,6 @@ public:
 private:
     std::vector<Sound> _sounds;
 };
-
-// What is wrong with one option; main prints it and exits with 2.
-class BadOption : public std::runtime_error {
-public:
-    BadOption(const std::string& option, const std::string& problem)
-        : std::runtime_error(option + ": " + problem) {}
-};
-
-// A value as it appears in a message: quoted, shortened, control characters escaped.
-std::string shown(const std::string& text) {
-    std::string out = "\"";
-    for (size_t i = 0; i < text.size() && i < 64; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + (text.size() > 64 ? "...\"" : "\"");
-}
-
-// A whole number in low..high: digits with an optional sign, nothing else, no overflow.
-long long integerIn(const std::string& option, const std::string& text, long long low,
-                    long long high) {
-    const size_t digits = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
-    if (text.size() == digits || text.find_first_not_of("0123456789", digits) != std::string::npos)
-        throw BadOption(option, shown(text) + " is not a whole number");
-    errno = 0;
-    const long long value = std::strtoll(text.c_str(), nullptr, 10);
-    if (errno == ERANGE || value < low || value > high)
-        throw BadOption(option, (text.size() > 24 ? shown(text) : text) + " is not in " +
-                                    std::to_string(low) + ".." + std::to_string(high));
-    return value;
-}
-
-// A finite decimal number in low..high.
-double numberIn(const std::string& option, const std::string& text, double low, double high) {
-    char* end = nullptr;
-    const double value = text.empty() || std::isspace(static_cast<unsigned char>(text[0]))
-                             ? NAN
-                             : std::strtod(text.c_str(), &end);
-    if (!end || *end != '\0' || !std::isfinite(value))
-        throw BadOption(option, shown(text) + " is not a number");
-    if (value < low || value > high) {
-        char range[64];
-        std::snprintf(range, sizeof range, "%g..%g", low, high);
-        throw BadOption(option, (text.size() > 24 ? shown(text) : text) + " is not in " + range);
-    }
-    return value;
-}
 
 std::string numericAddress(const std::string& option, const std::string& text) {
     if (!Lirra::InetAddress(text).valid())

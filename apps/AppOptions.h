@@ -1,12 +1,12 @@
-// Option checking shared by kelo-record and kelo-replay: each bad value is reported as one line
-// naming the option, and the program exits with 2 before it opens anything.
+// Option checking shared by the programs: each bad value is reported as one line naming the
+// option, and the program exits with 2 before it opens anything.
 #pragma once
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace SessionOptions {
+namespace AppOptions {
 
 // What is wrong with one option.
 class BadOption : public std::runtime_error {
@@ -43,4 +43,4 @@ std::vector<Address> addressList(const std::string& option, const std::string& t
 // Seconds as text for messages: "2.50 s".
 std::string secondsText(double seconds);
 
-}  // namespace SessionOptions
+}  // namespace AppOptions

@@ -1,4 +1,4 @@
-#include "SessionOptions.h"
+#include "AppOptions.h"
 
 #include <cctype>
 #include <cerrno>
@@ -12,7 +12,7 @@
 
 #include <Lirra/InetAddress.h>
 
-namespace SessionOptions {
+namespace AppOptions {
 
 std::string shown(const std::string& text) {
     std::string out = "\"";
@@ -133,4 +133,4 @@ std::string secondsText(double seconds) {
     return text;
 }
 
-}  // namespace SessionOptions
+}  // namespace AppOptions
