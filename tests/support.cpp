@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <mutex>
+#include <set>
 #include <thread>
 
 namespace KeloTest {
@@ -89,8 +92,27 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+namespace {
+
+// Removes the scratch files of this process when it ends, so that test runs leave nothing behind.
+struct ScratchFiles {
+    std::mutex mutex;
+    std::set<std::string> names;
+    ~ScratchFiles() {
+        for (const std::string& name : names)
+            std::remove(name.c_str());
+    }
+};
+
+ScratchFiles scratchFiles;
+
+}  // namespace
+
 std::string scratch(const std::string& name) {
-    return ::testing::TempDir() + "kelo-" + std::to_string(getpid()) + "-" + name;
+    std::string path = ::testing::TempDir() + "kelo-" + std::to_string(getpid()) + "-" + name;
+    std::lock_guard<std::mutex> lock(scratchFiles.mutex);
+    scratchFiles.names.insert(path);
+    return path;
 }
 
 bool until(const std::function<bool()>& done, const std::function<void()>& step,

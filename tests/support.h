@@ -131,7 +131,7 @@ std::vector<unsigned char> tone(double hz, double seconds, int rate = 44100,
 
 std::string readFile(const std::string& path);
 
-// A file name in the temporary directory unique to this process.
+// A file name in the temporary directory unique to this process; removed when the process ends.
 std::string scratch(const std::string& name);
 
 // Runs step until done() or the time is up; whether done() came true.
