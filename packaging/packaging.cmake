@@ -6,7 +6,7 @@
 # that the library goes into Debian's multiarch directory (/usr/lib/<triplet>).
 
 set(KELO_PACKAGE_MAINTAINER
-    "libKelo maintainers <maintainers@users.noreply.c-seed-7a0aee27.example>"
+    "libKelo maintainers <maintainers@kelo.invalid>"
     CACHE STRING "Maintainer field of the Debian packages")
 set(KELO_PACKAGE_HOMEPAGE "${PROJECT_HOMEPAGE_URL}"
     CACHE STRING "Homepage field of the Debian packages (empty: none)")
