@@ -8,7 +8,7 @@ build=(cmake ninja-build g++ pkg-config libboost-dev libcurl4-openssl-dev libope
        libcli11-dev libopenal-data)
 test=(libgtest-dev libgmock-dev libbenchmark-dev libsndfile1-dev sox iproute2 util-linux clang
       libclang-rt-14-dev chromium wrk python3 pybind11-dev python3-dev python3-numpy python3-pytest
-      dpkg-dev file help2man man-db systemd strace)
+      dpkg-dev file help2man man-db systemd strace liblo-dev linux-perf)
 demo=(sox gnuplot-nox pybind11-dev python3-dev python3-numpy)
 
 wanted=("${build[@]}")
