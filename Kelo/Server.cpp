@@ -20,10 +20,30 @@
 #include "Kelo/SourceParamEvent.h"
 #include "Kelo/TransformEvent.h"
 #include "Lirra/Communicator.h"
+#include "Lirra/EventDecoder.h"
 
 namespace Kelo {
 
 namespace {
+
+// The event as a command event. The library's own types are told apart by their type
+// objects, which costs far less than a dynamic_cast on every frame.
+CommandEvent* asCommand(Lirra::Event* event) {
+    const Lirra::EventType* type = event->type();
+    if (type == &TransformEvent::_type || type == &CommandEvent::_type ||
+        type == &EmitterParamEvent::_type || type == &CreateEmitterEvent::_type ||
+        type == &EmitterConnectionEvent::_type || type == &EmitterHullEvent::_type ||
+        type == &SourceParamEvent::_type || type == &SourceDataEvent::_type ||
+        type == &SourceDurationEvent::_type)
+        return static_cast<CommandEvent*>(event);
+    return dynamic_cast<CommandEvent*>(event);  // a type registered by the application
+}
+
+// An event of the given class, or null for any other.
+template <typename T>
+T* as(CommandEvent* event) {
+    return event->type() == &T::_type ? static_cast<T*>(event) : dynamic_cast<T*>(event);
+}
 
 // Where a command's count is kept: its number, or 0 for a number that is no command.
 size_t commandSlot(int16_t command) {
@@ -43,6 +63,7 @@ Server::Server(unsigned short port, const std::string& host) {
 }
 
 void Server::open(unsigned short port, const std::string& host) {
+    _decoder = std::make_unique<Lirra::EventDecoder>();
     _communicator = std::make_unique<KeloMultiServer>(this);
     _communicator->setFlag(true);
     _listening = _communicator->open(host, port, true);
@@ -102,18 +123,19 @@ int Server::receive(bool block) {
             break;
         Lirra::Event* event = nullptr;
         std::string error;
-        if (!Lirra::Event::receive(client, event, &error) || !event) {
+        if (!_decoder->receive(client, event, &error) || !event) {
             if (!error.empty())
                 _badFrames.fetch_add(1, std::memory_order_relaxed);
             KELO_LOG_LIMITED(osg::LOG_FATAL, "Kelo::Server lost client\n");
             dropClient(client);
         } else {
-            if (auto* command = dynamic_cast<CommandEvent*>(event)) {
-                _receivedEvents[commandSlot(command->command())].fetch_add(
-                    1, std::memory_order_relaxed);
-                if (SessionWriter* recorder = _recorder.load())
+            if (CommandEvent* command = asCommand(event)) {
+                auto& count = _receivedEvents[commandSlot(command->command())];
+                // This thread is the only writer.
+                count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+                if (SessionWriter* recorder = _recorder.load(std::memory_order_acquire))
                     recorder->write(*command);
-                if (!_recordOnly) {
+                if (!_recordOnly.load(std::memory_order_relaxed)) {
                     _sender = client;
                     heavy = command->command() == ResetWorld;
                     dispatchEvent(command);
@@ -124,7 +146,7 @@ int Server::receive(bool block) {
                 KELO_LOG_LIMITED(osg::LOG_FATAL,
                                  "Kelo::Server got Lirra::Event which is not a Kelo::Event\n");
             }
-            delete event;
+            _decoder->done();
             ++handled;
         }
         if (maxEvents > 0 && handled >= maxEvents)
@@ -187,7 +209,7 @@ bool Server::dispatchEvent(CommandEvent* event) {
             applied = true;
             break;
         case SetListenerTransform:
-            if (auto* t = dynamic_cast<TransformEvent*>(event)) {
+            if (auto* t = as<TransformEvent>(event)) {
                 setListenerTransform(t->position(), t->rotation());
                 applied = true;
             }
@@ -201,7 +223,7 @@ bool Server::dispatchEvent(CommandEvent* event) {
             }
             break;
         case SetSourceParam:
-            if (auto* p = dynamic_cast<SourceParamEvent*>(event))
+            if (auto* p = as<SourceParamEvent>(event))
                 if (Source* source = getSource(id)) {
                     source->setParam(p->loop(), p->pitch());
                     applied = true;
@@ -216,7 +238,7 @@ bool Server::dispatchEvent(CommandEvent* event) {
             }
             break;
         case CreateEmitter:
-            if (auto* c = dynamic_cast<CreateEmitterEvent*>(event))
+            if (auto* c = as<CreateEmitterEvent>(event))
                 applied = createEmitter(c->labels(), id) != nullptr;
             break;
         case DestroyEmitter:
@@ -226,28 +248,28 @@ bool Server::dispatchEvent(CommandEvent* event) {
             }
             break;
         case SetEmitterParam:
-            if (auto* p = dynamic_cast<EmitterParamEvent*>(event))
+            if (auto* p = as<EmitterParamEvent>(event))
                 if (Emitter* emitter = getEmitter(id)) {
                     emitter->setParam(p->spatialize(), p->extraParam(), p->gain());
                     applied = true;
                 }
             break;
         case SetEmitterConnection:
-            if (auto* c = dynamic_cast<EmitterConnectionEvent*>(event))
+            if (auto* c = as<EmitterConnectionEvent>(event))
                 if (Emitter* emitter = getEmitter(id)) {
                     emitter->setSource(getSource(c->sourceId()));
                     applied = true;
                 }
             break;
         case SetEmitterTransform:
-            if (auto* t = dynamic_cast<TransformEvent*>(event))
+            if (auto* t = as<TransformEvent>(event))
                 if (Emitter* emitter = getEmitter(id)) {
                     emitter->setTransform(&t->position(), &t->rotation());
                     applied = true;
                 }
             break;
         case SetEmitterHull:
-            if (auto* h = dynamic_cast<EmitterHullEvent*>(event))
+            if (auto* h = as<EmitterHullEvent>(event))
                 if (Emitter* emitter = getEmitter(id)) {
                     emitter->setHull(h->maxBack(), h->maxFront(), h->minBack(), h->minFront());
                     applied = true;

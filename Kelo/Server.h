@@ -18,7 +18,8 @@
 
 namespace Lirra {
 class Communicator;
-}
+class EventDecoder;
+}  // namespace Lirra
 
 namespace Kelo {
 
@@ -148,6 +149,8 @@ private:
     void takeScene();
 
     std::unique_ptr<KeloMultiServer> _communicator;
+    // One reusable object per event type for what clients send. World's thread.
+    std::unique_ptr<Lirra::EventDecoder> _decoder;
     int64_t _received = 0;
     // By command number; slot 0 for numbers beyond the last command.
     std::array<std::atomic<uint64_t>, StopEmitter + 1> _receivedEvents{};

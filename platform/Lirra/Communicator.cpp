@@ -11,7 +11,7 @@ Communicator::Communicator(std::shared_ptr<detail::Connection> connection)
     : _connection(std::move(connection)) {}
 
 Communicator::~Communicator() {
-    _connection->hub().held.fetch_sub(_buffer.size(), std::memory_order_relaxed);
+    _connection->hub().held.fetch_sub(_held, std::memory_order_relaxed);
     close();
 }
 
@@ -32,15 +32,22 @@ const std::string& Communicator::peer() const {
 }
 
 bool Communicator::refill() {
-    if (_read == _buffer.size())
-        consumed();
-    return _connection->takeFrames(_buffer) > 0;
+    discardRead();
+    const size_t taken = _connection->takeFrames(_buffer);
+    _held += taken;
+    return taken > 0;
 }
 
 void Communicator::consumed() {
-    _connection->hub().held.fetch_sub(_buffer.size(), std::memory_order_relaxed);
+    _connection->hub().held.fetch_sub(_held, std::memory_order_relaxed);
+    _held = 0;
+}
+
+void Communicator::discardRead() {
+    if (_read < _buffer.size() || _buffer.empty())
+        return;
     _buffer.clear();
-    detail::shrink(_buffer);
+    detail::shrink(_buffer, detail::kLargeCapacity);
     _read = 0;
 }
 
@@ -60,6 +67,22 @@ bool Communicator::readExact(uint8_t* bytes, size_t count) {
     if (_read == _buffer.size())
         consumed();
     return true;
+}
+
+const uint8_t* Communicator::nextFrame(size_t& size) {
+    discardRead();
+    if (buffered() < 4)
+        return nullptr;
+    const uint8_t* at = _buffer.data() + _read;
+    const size_t length =
+        size_t(at[0]) | size_t(at[1]) << 8 | size_t(at[2]) << 16 | size_t(at[3]) << 24;
+    if (buffered() - 4 < length)
+        return nullptr;
+    _read += 4 + length;
+    if (_read == _buffer.size())
+        consumed();
+    size = length;
+    return at + 4;
 }
 
 }  // namespace Lirra

@@ -28,6 +28,9 @@ public:
     bool write(const uint8_t* bytes, size_t count) override;
     // Reads from the frames received so far; false once they are used up and the peer is gone.
     bool readExact(uint8_t* bytes, size_t count) override;
+    // The next of the whole frames taken over, in place.
+    const uint8_t* nextFrame(size_t& size) override;
+    void frameDone() override { discardRead(); }
     void close();
     // Sends the peer a goodbye giving the reason, then closes; later writes fail.
     void refuse(const std::string& reason);
@@ -41,12 +44,16 @@ private:
     size_t buffered() const { return _buffer.size() - _read; }
     // Takes over what has arrived; false when nothing has. Hub lock held.
     bool refill();
-    // Everything taken over has been read: releases it from the receive budget.
+    // Everything taken over has been read: releases it from the receive budget. The bytes
+    // stay until the next read, which may still be using the last frame handed out in place.
     void consumed();
+    // Drops the bytes read, when all are.
+    void discardRead();
 
     std::shared_ptr<detail::Connection> _connection;
     std::vector<uint8_t> _buffer;
     size_t _read = 0;
+    size_t _held = 0;  // bytes of _buffer still counted in the hub's held bytes
 };
 
 }  // namespace Lirra

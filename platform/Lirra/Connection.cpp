@@ -26,12 +26,7 @@ constexpr auto kHandshakeTimeout = std::chrono::seconds(5);
 // How long a goodbye may take to leave and the peer to close after it.
 constexpr auto kLinger = std::chrono::seconds(1);
 constexpr size_t kReadChunk = 256 * 1024;
-// Whole frames waiting for the reader beyond this stop the reading, so that a reader that
-// falls behind pushes back on the peer instead of filling memory.
-constexpr size_t kReceiveBacklog = 8u << 20;
-// Room that a backlog of small frames never needs: only a large frame leaves so much behind.
-constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;
-// A send buffer keeps this much room between bursts.
+// A send buffer keeps this much room once its connection has been quiet for a while.
 constexpr size_t kKeptSendCapacity = 4u << 20;
 // How long a connection must have had nothing queued for the next event to skip the queue.
 constexpr auto kQuietSpell = std::chrono::microseconds(500);
@@ -324,7 +319,14 @@ void Connection::received(size_t count) {
 
 size_t Connection::takeFrames(std::vector<uint8_t>& out) {
     const size_t count = _complete;
-    if (count) {
+    if (count && out.empty()) {
+        // The usual case: the buffers change places, and only a frame under way is copied.
+        out.swap(_rx);
+        _rx.assign(out.begin() + static_cast<long>(count), out.end());
+        out.resize(count);
+        _complete = 0;
+        shrink(_rx, kLargeCapacity);
+    } else if (count) {
         out.insert(out.end(), _rx.begin(), _rx.begin() + static_cast<long>(count));
         _rx.erase(_rx.begin(), _rx.begin() + static_cast<long>(count));
         _complete = 0;
@@ -375,6 +377,13 @@ bool Connection::check() {
     if (writes != _writesSeen) {
         _writesSeen = writes;
         _lastSent = now;
+    } else {
+        // Quiet since the last check: the room a burst needed goes back.
+        std::lock_guard<std::mutex> lock(_txMutex);
+        if (_tx.empty() && !_writing && _tx.capacity() > kKeptSendCapacity)
+            std::vector<uint8_t>().swap(_tx);
+        if (_inFlight.empty() && !_writing && _inFlight.capacity() > kKeptSendCapacity)
+            std::vector<uint8_t>().swap(_inFlight);
     }
     const double keepAlive = _hub->keepAlive.load(std::memory_order_relaxed);
     if (keepAlive > 0 && secondsSince(_lastSent, now) >= keepAlive)
@@ -485,9 +494,10 @@ void Connection::flush() {
     }
     asio::async_write(_socket, asio::buffer(_inFlight),
                       [self = shared_from_this()](boost::system::error_code ec, size_t) {
+                          // Its room is kept for the next burst (check() frees it once the
+                          // connection is quiet): fresh memory for every burst costs more
+                          // in page faults than the copying.
                           self->_inFlight.clear();
-                          if (self->_inFlight.capacity() > kKeptSendCapacity)
-                              std::vector<uint8_t>().swap(self->_inFlight);
                           if (ec)
                               return self->fail(nullptr);
                           self->flush();

@@ -50,6 +50,12 @@ struct Hub {
 
 // Room a buffer keeps once a large frame has gone through it.
 constexpr size_t kKeptCapacity = 1u << 20;
+// Whole frames waiting for the reader beyond this stop the reading, so that a reader that
+// falls behind pushes back on the peer instead of filling memory.
+constexpr size_t kReceiveBacklog = 8u << 20;
+// Room that a backlog of small frames never needs: only a large frame leaves so much behind.
+// The receive buffers keep up to this between batches.
+constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;
 // Gives back a buffer's room beyond what it holds, when that room is more than above and
 // mostly unused. After a large frame the freed memory goes back to the system at once.
 void shrink(std::vector<uint8_t>& buffer, size_t above = kKeptCapacity);

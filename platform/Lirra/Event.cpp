@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
 
+#include "Lirra/EventDecoder.h"
 #include "Lirra/Log.h"
 
 namespace Lirra {
@@ -38,6 +40,7 @@ void release(std::vector<uint8_t>& buffer) {
 // register in any order.
 using Registry = std::vector<std::pair<int16_t, const EventType*>>;
 Registry* registry = nullptr;
+std::atomic<unsigned> registryGeneration{0};
 
 Registry::iterator entry(int16_t id) {
     return std::lower_bound(
@@ -125,11 +128,9 @@ bool Event::send(Sender* to) {
 
 namespace {
 
-// Set while Event::receive decodes a frame from a peer, which may send bad ones at will: its
-// refusals go through a limiter. A direct decode is the caller's to log as it sees fit.
-thread_local bool fromPeer = false;
-
-Event* refuse(const std::string& why, std::string* error) {
+// A frame from a peer, which may send bad ones at will, is refused through a limiter. A
+// direct decode is the caller's to log as it sees fit.
+Event* refuse(const std::string& why, std::string* error, bool fromPeer) {
     if (fromPeer)
         LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Refused event frame: %s\n", why.c_str());
     else
@@ -139,30 +140,37 @@ Event* refuse(const std::string& why, std::string* error) {
     return nullptr;
 }
 
-}  // namespace
-
-Event* Event::decode(const uint8_t* body, size_t size, std::string* error) {
-    if (size < kHeaderSize - 4)
-        return refuse("frame shorter than its header", error);
+Event* decodeNew(const uint8_t* body, size_t size, std::string* error, bool fromPeer) {
+    if (size < Event::kHeaderSize - 4)
+        return refuse("frame shorter than its header", error, fromPeer);
     const auto id = static_cast<int16_t>(fromWire<uint16_t>(body));
     const EventType* t = EventType::find(id);
     if (!t)
-        return refuse("unknown event type " + std::to_string(id), error);
-    Event* event = t->create();
-    if (!event->decodeInto(body, size, error)) {
-        delete event;
+        return refuse("unknown event type " + std::to_string(id), error, fromPeer);
+    std::unique_ptr<Event> event(t->create());
+    if (!event->decodeInto(body, size, error))
         return nullptr;
-    }
-    return event;
+    return event.release();
+}
+
+}  // namespace
+
+Event* Event::decode(const uint8_t* body, size_t size, std::string* error) {
+    return decodeNew(body, size, error, false);
 }
 
 bool Event::decodeInto(const uint8_t* body, size_t size, std::string* error) {
+    return read(body, size, error, false);
+}
+
+bool Event::read(const uint8_t* body, size_t size, std::string* error, bool fromPeer) {
     if (size < kHeaderSize - 4)
-        return refuse("frame shorter than its header", error);
+        return refuse("frame shorter than its header", error, fromPeer);
     const EventType* t = type();
     const auto id = static_cast<int16_t>(fromWire<uint16_t>(body));
     if (!t || t->id() != id)
-        return refuse("event type " + std::to_string(id) + " read into another type", error);
+        return refuse("event type " + std::to_string(id) + " read into another type", error,
+                      fromPeer);
     _stamp = static_cast<int16_t>(fromWire<uint16_t>(body + 2));
     _in = body + 4;
     _inEnd = body + size;
@@ -175,12 +183,12 @@ bool Event::decodeInto(const uint8_t* body, size_t size, std::string* error) {
     if (failure || left)
         return refuse(
             t->name() + ": " + (failure ? failure : std::to_string(left) + " bytes left over"),
-            error);
+            error, fromPeer);
     return true;
 }
 
-bool Event::receive(Receiver* from, Event*& event, std::string* error) {
-    event = nullptr;
+bool Event::readFrame(Receiver* from, std::vector<uint8_t>& body, std::string* error) {
+    body.clear();
     if (error)
         error->clear();
     uint8_t length[4];
@@ -199,24 +207,115 @@ bool Event::receive(Receiver* from, Event*& event, std::string* error) {
     // Grown as the bytes arrive: a peer that announces a large frame and sends little of it
     // does not get that much memory allocated.
     constexpr size_t kChunk = 64 * 1024;
-    thread_local std::vector<uint8_t> body;
-    body.clear();
-    // A large frame's room is given back afterwards, whatever happened to it.
-    struct Trim {
-        std::vector<uint8_t>& buffer;
-        ~Trim() { release(buffer); }
-    } trim{body};
     while (body.size() < size) {
         const size_t at = body.size();
         body.resize(at + std::min<size_t>(kChunk, size - at));
         if (!from->readExact(body.data() + at, body.size() - at))
             return false;
     }
-    struct FromPeer {
-        FromPeer() { fromPeer = true; }
-        ~FromPeer() { fromPeer = false; }
-    } peer;
-    event = decode(body.data(), size, error);
+    return true;
+}
+
+bool Event::receive(Receiver* from, Event*& event, std::string* error) {
+    event = nullptr;
+    if (error)
+        error->clear();
+    if (!from)
+        return false;
+    size_t size = 0;
+    if (const uint8_t* body = from->nextFrame(size)) {
+        event = decodeNew(body, size, error, true);
+        from->frameDone();
+        return event != nullptr;
+    }
+    thread_local std::vector<uint8_t> body;
+    // A large frame's room is given back afterwards, whatever happened to it.
+    struct Trim {
+        std::vector<uint8_t>& buffer;
+        ~Trim() { release(buffer); }
+    } trim{body};
+    if (!readFrame(from, body, error))
+        return false;
+    event = decodeNew(body.data(), body.size(), error, true);
+    return event != nullptr;
+}
+
+EventDecoder::Slot* EventDecoder::slot(int16_t id) {
+    if (_last < _slots.size() && _slots[_last].id == id)
+        return &_slots[_last];
+    for (size_t i = 0; i < _slots.size(); ++i)
+        if (_slots[i].id == id) {
+            _last = i;
+            return &_slots[i];
+        }
+    return nullptr;
+}
+
+Event* EventDecoder::decode(const uint8_t* body, size_t size, std::string* error) {
+    return decode(body, size, error, false);
+}
+
+Event* EventDecoder::decode(const uint8_t* body, size_t size, std::string* error, bool fromPeer) {
+    _large = nullptr;
+    if (size < Event::kHeaderSize - 4)
+        return refuse("frame shorter than its header", error, fromPeer);
+    const auto id = static_cast<int16_t>(fromWire<uint16_t>(body));
+    Slot* s = slot(id);
+    // The registry is asked again whenever it has changed: a type that left it is refused
+    // like any unknown one, and another type registered under the id gets an object of its own.
+    const unsigned generation = EventType::generation();
+    if (!s || s->generation != generation) {
+        const EventType* type = EventType::find(id);
+        if (!type)
+            return refuse("unknown event type " + std::to_string(id), error, fromPeer);
+        if (!s) {
+            _slots.push_back({id, nullptr, generation, nullptr});
+            _last = _slots.size() - 1;
+            s = &_slots.back();
+        }
+        if (s->type != type)
+            s->event.reset();
+        s->type = type;
+        s->generation = generation;
+    }
+    if (!s->event)
+        s->event.reset(s->type->create());
+    if (!s->event->read(body, size, error, fromPeer))
+        return nullptr;
+    if (size > kKeptFrame)
+        _large = s->event.get();
+    return s->event.get();
+}
+
+void EventDecoder::done() {
+    if (!_large)
+        return;
+    for (Slot& s : _slots)
+        if (s.event.get() == _large)
+            s.event.reset();
+    _large = nullptr;
+}
+
+bool EventDecoder::receive(Receiver* from, Event*& event, std::string* error) {
+    event = nullptr;
+    _large = nullptr;
+    if (error)
+        error->clear();
+    if (!from)
+        return false;
+    size_t size = 0;
+    if (const uint8_t* body = from->nextFrame(size)) {
+        event = decode(body, size, error, true);
+        from->frameDone();
+        return event != nullptr;
+    }
+    struct Trim {
+        std::vector<uint8_t>& buffer;
+        ~Trim() { release(buffer); }
+    } trim{_body};
+    if (!Event::readFrame(from, _body, error))
+        return false;
+    event = decode(_body.data(), _body.size(), error, true);
     return event != nullptr;
 }
 
@@ -232,14 +331,17 @@ EventType::EventType(const char* name, int16_t id, Factory factory)
         return;
     }
     registry->insert(it, {id, this});
+    registryGeneration.fetch_add(1, std::memory_order_relaxed);
 }
 
 EventType::~EventType() {
     if (!registry)
         return;
     auto it = entry(_id);
-    if (it != registry->end() && it->second == this)
+    if (it != registry->end() && it->second == this) {
         registry->erase(it);
+        registryGeneration.fetch_add(1, std::memory_order_relaxed);
+    }
     if (registry->empty()) {
         delete registry;
         registry = nullptr;
@@ -248,6 +350,10 @@ EventType::~EventType() {
 
 bool EventType::registered() const {
     return find(_id) == this;
+}
+
+unsigned EventType::generation() {
+    return registryGeneration.load(std::memory_order_relaxed);
 }
 
 const EventType* EventType::find(int16_t id) {

@@ -25,6 +25,15 @@ public:
     virtual ~Receiver() = default;
     // Reads exactly count bytes; false when the stream ends or fails first.
     virtual bool readExact(uint8_t* bytes, size_t count) = 0;
+    // The next frame, when the receiver holds it whole in memory: the bytes after its length
+    // field, valid until frameDone() or the next read, with their count in size; the frame
+    // counts as read. Null when it does not hold one whole (then readExact reads on).
+    virtual const uint8_t* nextFrame(size_t& size) {
+        (void)size;
+        return nullptr;
+    }
+    // The frame from nextFrame() is no longer needed.
+    virtual void frameDone() {}
 };
 
 // A serialisable event with typed fields. On the wire (docs/protocol.md), a frame is
@@ -64,6 +73,10 @@ public:
     // is larger than maxFrameSize() or cannot be decoded. The caller owns the event. When a
     // frame was refused, *error (when given) says why; it is left empty when the stream ended.
     static bool receive(Receiver* from, Event*& event, std::string* error = nullptr);
+
+    // Reads the part of one frame after its length field into body, as receive() does; false
+    // when the stream ended (error left empty) or the frame is too large (error says so).
+    static bool readFrame(Receiver* from, std::vector<uint8_t>& body, std::string* error);
 
     // Frames announcing more than this are refused before anything is read or allocated.
     static size_t maxFrameSize();
@@ -119,6 +132,10 @@ protected:
     void fail(const char* reason);
 
 private:
+    friend class EventDecoder;
+    // decodeInto(); a frame from a peer is refused through the rate-limited log.
+    bool read(const uint8_t* body, size_t size, std::string* error, bool fromPeer);
+
     void put(const void* bytes, size_t count) {
         if (static_cast<size_t>(_outEnd - _outPos) < count)
             grow(count);
@@ -130,10 +147,15 @@ private:
     void grow(size_t count);
     template <typename T>
     void putNumber(T value) {
-        uint8_t bytes[sizeof(T)];
+        if (static_cast<size_t>(_outEnd - _outPos) < sizeof(T))
+            grow(sizeof(T));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        std::memcpy(_outPos, &value, sizeof(T));  // already in wire order
+#else
         for (size_t i = 0; i < sizeof(T); ++i)
-            bytes[i] = static_cast<uint8_t>(value >> (8 * i));
-        put(bytes, sizeof(T));
+            _outPos[i] = static_cast<uint8_t>(value >> (8 * i));
+#endif
+        _outPos += sizeof(T);
     }
     bool take(void* bytes, size_t count) {
         if (remaining() < count) {
@@ -148,11 +170,19 @@ private:
     }
     template <typename T>
     void takeNumber(T& value) {
-        uint8_t bytes[sizeof(T)];
-        take(bytes, sizeof(T));
+        if (remaining() < sizeof(T)) {
+            fail("truncated field");
+            value = 0;
+            return;
+        }
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        std::memcpy(&value, _in, sizeof(T));
+#else
         value = 0;
         for (size_t i = 0; i < sizeof(T); ++i)
-            value |= static_cast<T>(static_cast<T>(bytes[i]) << (8 * i));
+            value |= static_cast<T>(static_cast<T>(_in[i]) << (8 * i));
+#endif
+        _in += sizeof(T);
     }
 
     int16_t _stamp = 0;
@@ -184,6 +214,9 @@ public:
     bool registered() const;
 
     static const EventType* find(int16_t id);
+    // Changes whenever a type joins or leaves the registry: a cache of look-ups made under
+    // one value is good as long as it stays.
+    static unsigned generation();
 
 private:
     std::string _name;
