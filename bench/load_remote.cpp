@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,14 +44,24 @@ struct Watcher : Kelo::SilentBackend {
         ++moves;
     }
     void setEmitterState(Kelo::Emitter& e) override {
-        if (watch == 0 || e.id() == watch)
+        if (watch == 0 || e.id() == watch) {
             played = Clock::now();
+            std::lock_guard<std::mutex> lock(mutex);
+            changed.notify_all();
+        }
+    }
+    // Waits, asleep, until a state change later than before has been seen.
+    void waitPlayed(Clock::time_point before) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(5), [&] { return played.load() != before; });
     }
     int watch = 0;  // the emitter whose state change counts; 0 for any
     float expected = 1;
     std::atomic<long> moves{0};
     bool disorder = false;
     std::atomic<Clock::time_point> played{};
+    std::mutex mutex;
+    std::condition_variable changed;
 };
 
 // A server on its own thread, as kelo-server runs one, with its own sources 1..n.
@@ -169,8 +181,9 @@ void latency(int rounds) {
         const auto before = w.played.load();
         const auto start = Clock::now();
         e->setState(i % 2 ? Kelo::WorldPart::STOP : Kelo::WorldPart::PLAY);
-        while (w.played.load() == before)
-            std::this_thread::yield();
+        // Asleep, as the bare ping-pong waits in recv(): a spinning waiter would take one of
+        // the processors from the server it measures. The time is taken on the server's side.
+        w.waitPlayed(before);
         micros.push_back(
             std::chrono::duration<double, std::micro>(w.played.load() - start).count());
         std::this_thread::sleep_for(std::chrono::milliseconds(2));

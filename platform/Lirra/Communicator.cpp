@@ -31,11 +31,11 @@ const std::string& Communicator::peer() const {
     return _connection->peer();
 }
 
-bool Communicator::refill() {
+size_t Communicator::refill() {
     discardRead();
     const size_t taken = _connection->takeFrames(_buffer);
     _held += taken;
-    return taken > 0;
+    return taken;
 }
 
 void Communicator::consumed() {

@@ -42,8 +42,8 @@ private:
     friend class MultiCommunicator;
     // Unread received bytes already taken over by the reading thread.
     size_t buffered() const { return _buffer.size() - _read; }
-    // Takes over what has arrived; false when nothing has. Hub lock held.
-    bool refill();
+    // Takes over what has arrived; the bytes taken. Hub lock held.
+    size_t refill();
     // Everything taken over has been read: releases it from the receive budget. The bytes
     // stay until the next read, which may still be using the last frame handed out in place.
     void consumed();

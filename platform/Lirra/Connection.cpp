@@ -1,10 +1,13 @@
 #include "Lirra/Connection.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -87,6 +90,26 @@ void shrink(std::vector<uint8_t>& buffer, size_t above) {
 #endif
 }
 
+Hub::Hub() : wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+Hub::~Hub() {
+    if (wakeFd >= 0)
+        ::close(wakeFd);
+}
+
+void Hub::wake() {
+    ready.notify_all();
+    if (polling.load(std::memory_order_relaxed)) {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t n = ::write(wakeFd, &one, sizeof one);
+    }
+}
+
+void Hub::clearWake() {
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(wakeFd, &count, sizeof count);
+}
+
 std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
     const size_t count = std::min(reason.size(), kMaxGoodbyeReason);
     std::vector<uint8_t> frame;
@@ -146,7 +169,7 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
     if (ec)
         return fail(nullptr);
     if (_lingering)
-        return read();
+        return drain();
     _deadline.cancel();
     if (std::memcmp(_peerPreamble, kPreamble, 8) != 0) {
         _hub->count(Refusal::BadPreamble);
@@ -154,7 +177,10 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
                                                                   : "another protocol version");
     }
     _handshakeDone = true;
-    _lastReceived = Clock::now();
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        _lastReceived = Clock::now();
+    }
     try {
         if (_handshaken)
             _handshaken(shared_from_this());
@@ -165,52 +191,108 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
     }
     _handshaken = nullptr;
     startWatch();
-    read();
+    drain();  // what came with the preamble is in the socket already
 }
 
 void Connection::read() {
     if (_readOutstanding || _shut)
         return;
     _readOutstanding = true;
-    _socket.async_read_some(asio::buffer(_readChunk),
-                            [self = shared_from_this()](boost::system::error_code ec, size_t n) {
-                                self->chunkRead(ec, n);
-                            });
+    // A peek tells that bytes are there without taking them: the reading itself is done by
+    // pull(), under the hub's lock, by this thread or the reader. (Asio tries the peek at
+    // once, and waits without re-arming the descriptor when there is nothing yet.)
+    _socket.async_receive(asio::buffer(&_peeked, 1), asio::socket_base::message_peek,
+                          [self = shared_from_this()](boost::system::error_code ec, size_t) {
+                              self->_readOutstanding = false;
+                              if (ec)
+                                  return self->fail(nullptr);
+                              self->drain();
+                          });
 }
 
-void Connection::chunkRead(const boost::system::error_code& ec, size_t count) {
-    _readOutstanding = false;
-    if (ec)
-        return fail(nullptr);
-    if (_lingering)
-        return read();  // what a refused peer still sends is dropped unread
+void Connection::drain() {
+    if (_shut)
+        return;
+    if (_lingering) {
+        // What a refused peer still sends is dropped unread, until it closes.
+        uint8_t scratch[4096];
+        for (;;) {
+            const ssize_t n = ::recv(_fd, scratch, sizeof scratch, MSG_DONTWAIT);
+            if (n > 0)
+                continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+                return read();
+            return fail(nullptr);
+        }
+    }
+    // Reads until the socket is empty: the readiness it signals comes once per arrival.
+    bool more = true;
+    bool paused = false;
+    while (more) {
+        {
+            std::lock_guard<std::mutex> lock(_hub->mutex);
+            more = pollable() && pull() == _readChunk.size();
+            paused = _readPaused;
+        }
+        _hub->wake();
+    }
+    if (settle())
+        return;
+    if (!paused)
+        read();
+}
+
+bool Connection::pollable() const {
+    // After a fault nothing more is read: the network thread drops the connection.
+    return !_lost && !_readPaused && !_peerClosed && _fault.why.empty() && !_fault.peerLeft;
+}
+
+size_t Connection::pull() {
+    const ssize_t n = ::recv(_fd, _readChunk.data(), _readChunk.size(), MSG_DONTWAIT);
+    if (n <= 0) {
+        if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
+            _peerClosed = true;
+        return 0;
+    }
+    const auto count = static_cast<size_t>(n);
     _lastReceived = Clock::now();
-    bool pause = false;
+    try {
+        received(count);
+    } catch (const std::exception& e) {
+        // Out of memory, most likely: this connection goes, the others stay.
+        _fault.why = std::string("cannot take in what it sent: ") + e.what();
+        _fault.reason = "the receiver is short of memory";
+        _hub->count(Refusal::NoMemory);
+    }
+    _readPaused = !_lost && _complete > 0 && _rx.size() > kReceiveBacklog;
+    return count;
+}
+
+void Connection::pullForReader() {
+    while (pollable() && pull() == _readChunk.size()) {
+    }
+    if (_peerClosed || _fault.peerLeft || !_fault.why.empty())
+        asio::post(_socket.get_executor(), [self = shared_from_this()] { self->settle(); });
+}
+
+bool Connection::settle() {
     Fault fault;
+    bool closed = false;
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);
-        if (!_lost) {
-            try {
-                received(count);
-            } catch (const std::exception& e) {
-                // Out of memory, most likely: this connection goes, the others stay.
-                _fault.why = std::string("cannot take in what it sent: ") + e.what();
-                _fault.reason = "the receiver is short of memory";
-                _hub->count(Refusal::NoMemory);
-            }
-        }
-        pause = _lost || (_complete > 0 && _rx.size() > kReceiveBacklog);
-        _readPaused = pause && !_lost;
         fault = std::move(_fault);
         _fault = Fault();
+        closed = _peerClosed;
     }
-    _hub->ready.notify_all();
-    if (!fault.why.empty())
-        return drop(fault.why, fault.reason);
-    if (fault.peerLeft)
-        return fail(nullptr);
-    if (!pause)
-        read();
+    if (!fault.why.empty()) {
+        drop(fault.why, fault.reason);
+        return true;
+    }
+    if (fault.peerLeft || closed) {
+        fail(nullptr);
+        return true;
+    }
+    return false;
 }
 
 void Connection::received(size_t count) {
@@ -334,7 +416,7 @@ size_t Connection::takeFrames(std::vector<uint8_t>& out) {
     }
     if (_readPaused && !_lost) {
         _readPaused = false;
-        asio::post(_socket.get_executor(), [self = shared_from_this()] { self->read(); });
+        asio::post(_socket.get_executor(), [self = shared_from_this()] { self->drain(); });
     }
     return count;
 }
@@ -392,6 +474,7 @@ bool Connection::check() {
     bool underWay = false;
     Clock::time_point started;
     uint32_t length = 0;
+    Clock::time_point lastReceived;
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);
         shrink(_rx, kKeptCapacity);
@@ -404,9 +487,10 @@ bool Connection::check() {
         underWay = _frameUnderWay;
         started = _frameStarted;
         length = _frameLength;
+        lastReceived = _lastReceived;
     }
     const double idle = _hub->idleLimit.load(std::memory_order_relaxed);
-    if (idle > 0 && secondsSince(_lastReceived, now) > idle) {
+    if (idle > 0 && secondsSince(lastReceived, now) > idle) {
         char text[96];
         std::snprintf(text, sizeof text, "nothing received for %g s", idle);
         _hub->count(Refusal::Idle);
@@ -542,7 +626,7 @@ void Connection::refuse(const std::string& reason) {
         std::lock_guard<std::mutex> lock(_hub->mutex);
         lose();
     }
-    _hub->ready.notify_all();
+    _hub->wake();
     asio::post(_socket.get_executor(), [self = shared_from_this()] { self->linger(); });
 }
 
@@ -564,7 +648,7 @@ void Connection::linger() {
     });
     // Reads on until the peer closes, so that closing does not reset the connection before
     // the peer has read the goodbye.
-    read();
+    drain();
 }
 
 void Connection::lose() {
@@ -588,7 +672,7 @@ void Connection::fail(const char* why) {
         std::lock_guard<std::mutex> lock(_txMutex);
         _closed = true;
     }
-    _hub->ready.notify_all();
+    _hub->wake();
     shutdown();
 }
 

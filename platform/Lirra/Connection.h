@@ -26,8 +26,22 @@ namespace detail {
 // the receiving thread waits on, the settings that bound what a peer may cost, and the count
 // of received bytes not yet read.
 struct Hub {
+    Hub();
+    ~Hub();
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
+
     std::mutex mutex;
     std::condition_variable ready;
+    // The reader waits in poll() on its connections' sockets and on this eventfd, so that a
+    // frame's arrival wakes it directly rather than through the network thread. -1 when it
+    // could not be made: the reader then waits on the condition variable.
+    const int wakeFd;
+    std::atomic<bool> polling{false};  // the reader is in poll()
+    // Tells the reader that something it may wait for has changed; after the lock is released.
+    void wake();
+    // Empties the eventfd, once the reader is back from poll().
+    void clearWake();
 
     // Added on the network thread as frames are announced, taken off by the reader as it
     // consumes them (or as a connection goes).
@@ -104,14 +118,28 @@ public:
     size_t takeFrames(std::vector<uint8_t>& out);
     bool hasFrames() const { return _complete > 0; }  // hub lock held
     bool lost() const { return _lost; }               // hub lock held
+    // The reader may read the socket itself: the connection is open and not paused.
+    bool pollable() const;  // hub lock held
+    // The reader's read of the socket, once poll() has found it readable; what it finds
+    // wrong goes to the network thread. Hub lock held.
+    void pullForReader();
+    int fd() const { return _fd; }
     const std::string& peer() const { return _peer; }
     Hub& hub() const { return *_hub; }
 
 private:
     void readPreamble();
     void preambleRead(const boost::system::error_code& ec);
+    // Waits for bytes to read (network thread).
     void read();
-    void chunkRead(const boost::system::error_code& ec, size_t count);
+    // Reads what the socket holds, then waits for more unless reading is paused or the
+    // connection ended (network thread).
+    void drain();
+    // Acts on what reading found wrong (network thread); true when the connection ended.
+    bool settle();
+    // One non-blocking read and the walk of the frames it completes; the bytes read. Hub lock
+    // held, from the network thread or the reader.
+    size_t pull();
     void received(size_t count);  // hub lock held
     // Drops the connection for a fault of the peer's, telling it why (network thread).
     void drop(const std::string& why, const std::string& reason);
@@ -160,11 +188,14 @@ private:
     bool _frameUnderWay = false;
     uint32_t _frameLength = 0;
 
+    bool _peerClosed = false;  // the socket reported its end or an error; hub lock
+    std::chrono::steady_clock::time_point _lastReceived{};  // hub lock
+
     // Network thread only.
     bool _handshakeDone = false;
     bool _lingering = false;
     bool _readOutstanding = false;
-    std::chrono::steady_clock::time_point _lastReceived{};
+    uint8_t _peeked = 0;
     uint64_t _writesSeen = 0;
     std::chrono::steady_clock::time_point _lastSent{};
 

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include <poll.h>
+
 #include "Lirra/Connection.h"
 #include "Lirra/Log.h"
 
@@ -25,7 +27,7 @@ void MultiCommunicator::close() {
         _current = nullptr;
         _broken = true;
     }
-    _hub->ready.notify_all();
+    _hub->wake();
     // Let what is queued go out first (a last reset, say), but not wait on a stalled peer.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     for (Communicator* c : members)
@@ -67,7 +69,7 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
             return false;
         _members.push_back(communicator);
     }
-    _hub->ready.notify_all();
+    _hub->wake();
     return true;
 }
 
@@ -99,14 +101,67 @@ bool MultiCommunicator::receiveCommunicator(Communicator*& communicator) {
             const size_t at = (_next + i) % n;
             Communicator* c = _members[at];
             if (hasInput(c)) {
-                c->refill();
+                if (c->refill() > 0)
+                    _lastInput = std::chrono::steady_clock::now();
                 _next = (at + 1) % n;
                 _current = communicator = c;
                 return true;
             }
         }
-        _hub->ready.wait(lock);
+        waitForSockets(lock, nullptr);
     }
+}
+
+void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
+                                       const std::chrono::steady_clock::time_point* deadline) {
+    using Clock = std::chrono::steady_clock;
+    // Under a stream of events the network thread reads ahead, in large pieces, while this
+    // thread applies what it has: until the stream has paused for a moment this thread waits
+    // for it. After that it polls the sockets itself, so that a lone event wakes it directly.
+    const auto now = Clock::now();
+    if (_hub->wakeFd < 0 || now - _lastInput < kStreamPause) {
+        if (_hub->wakeFd < 0 && !deadline)
+            return _hub->ready.wait(lock);
+        auto until = _hub->wakeFd < 0 ? *deadline : _lastInput + kStreamPause;
+        if (deadline)
+            until = std::min(until, *deadline);
+        _hub->ready.wait_until(lock, until);
+        return;
+    }
+    _pollFds.clear();
+    _polled.clear();
+    _pollFds.push_back({_hub->wakeFd, POLLIN, 0});
+    for (Communicator* c : _members)
+        if (c->_connection->pollable()) {
+            _pollFds.push_back({c->_connection->fd(), POLLIN, 0});
+            _polled.push_back(c->_connection);
+        }
+    _hub->polling.store(true, std::memory_order_relaxed);
+    lock.unlock();
+    timespec timeout{};
+    if (deadline) {
+        const auto left = std::max(*deadline - Clock::now(), Clock::duration::zero());
+        const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+        timeout.tv_sec = static_cast<time_t>(ns / 1000000000);
+        timeout.tv_nsec = static_cast<long>(ns % 1000000000);
+    }
+    // A connection's socket may be closed meanwhile: its descriptor is only read once it is
+    // known, under the lock, to be open still.
+    ::ppoll(_pollFds.data(), _pollFds.size(), deadline ? &timeout : nullptr, nullptr);
+    lock.lock();
+    _hub->polling.store(false, std::memory_order_relaxed);
+    if (_pollFds[0].revents)
+        _hub->clearWake();
+    // The network thread is woken by the same arrival; whichever of the two takes the lock
+    // first reads.
+    for (size_t i = 1; i < _pollFds.size(); ++i)
+        if (_pollFds[i].revents)
+            _polled[i - 1]->pullForReader();
+    _polled.clear();
+}
+
+bool MultiCommunicator::anyInput() const {
+    return std::any_of(_members.begin(), _members.end(), [this](auto* c) { return hasInput(c); });
 }
 
 bool MultiCommunicator::waitForCommunicators() {
@@ -120,7 +175,7 @@ void MultiCommunicator::breakWait() {
         std::lock_guard<std::mutex> lock(_hub->mutex);
         _broken = true;
     }
-    _hub->ready.notify_all();
+    _hub->wake();
 }
 
 bool MultiCommunicator::communicatorsAvail(int& count) {
@@ -138,11 +193,14 @@ bool MultiCommunicator::waitForInput(double seconds) {
     if (_current && _current->buffered() > 0)
         return true;
     std::unique_lock<std::mutex> lock(_hub->mutex);
-    auto ready = [this] {
-        return _broken || std::any_of(_members.begin(), _members.end(),
-                                      [this](auto* c) { return hasInput(c); });
-    };
-    _hub->ready.wait_for(lock, std::chrono::duration<double>(seconds), ready);
+    auto ready = [this] { return _broken || anyInput(); };
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(
+                std::isfinite(seconds) && seconds > 0 ? std::min(seconds, kMaxSeconds) : 0));
+    while (!ready() && std::chrono::steady_clock::now() < deadline)
+        waitForSockets(lock, &deadline);
     return !_broken && ready();
 }
 

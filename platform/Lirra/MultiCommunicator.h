@@ -1,12 +1,16 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "Lirra/Communicator.h"
 #include "Lirra/Event.h"
+
+struct pollfd;
 
 namespace Lirra {
 
@@ -110,6 +114,12 @@ protected:
 
 private:
     bool hasInput(const Communicator* c) const;  // hub lock held
+    bool anyInput() const;                       // hub lock held
+    // Waits, with the lock released, for input, a change of the set, or the deadline (null:
+    // none). After a quiet spell it polls the sockets and reads them itself, so that an
+    // arrival wakes this thread directly, not through the network thread.
+    void waitForSockets(std::unique_lock<std::mutex>& lock,
+                        const std::chrono::steady_clock::time_point* deadline);
 
     std::shared_ptr<detail::Hub> _hub;
     std::vector<Communicator*> _members;
@@ -117,6 +127,13 @@ private:
     Communicator* _current = nullptr;
     bool _broken = false;
     size_t _sendLimit = 64u << 20;
+    // When input was last taken over; until kStreamPause after it, waits are for the network
+    // thread's reading.
+    std::chrono::steady_clock::time_point _lastInput{};
+    static constexpr std::chrono::microseconds kStreamPause{1000};
+    // waitForSockets()'s lists, kept to spare an allocation per wait.
+    std::vector<pollfd> _pollFds;
+    std::vector<std::shared_ptr<detail::Connection>> _polled;
 };
 
 }  // namespace Lirra
