@@ -201,6 +201,10 @@ ClientBackend::~ClientBackend() {
 }
 
 void ClientBackend::send(CommandEvent& event) {
+    // With no server in the set there is nobody to encode for: a server that joins later (on
+    // this thread, in update()) is sent the whole world then.
+    if (_communicator->empty())
+        return;
     event.setStamp(CommandEvent::kSenderStamp);
     event.send(_communicator.get());
 }
@@ -337,19 +341,31 @@ Command ClientBackend::emitterState2Command(WorldPart::State state) {
 }
 
 bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
-    // Counts what goes out, added to the totals once the catch-up is sent.
+    constexpr size_t kBatch = 64 * 1024;
+    // Counts what goes out, added to the totals once the catch-up is sent. The frames go to
+    // the connection in batches: one hand-over for many frames, not one each.
     struct Counted : Lirra::Sender {
         explicit Counted(Lirra::Communicator* to) : to(to) {}
         bool write(const uint8_t* bytes, size_t count) override {
-            if (!to->write(bytes, count))
+            if (failed)
                 return false;
+            batch.insert(batch.end(), bytes, bytes + count);
             ++frames;
             this->bytes += count;
-            return true;
+            return batch.size() < kBatch || flush();
+        }
+        bool flush() {
+            if (!failed && !batch.empty() && !to->write(batch.data(), batch.size()))
+                failed = true;
+            batch.clear();
+            return !failed;
         }
         Lirra::Communicator* to;
+        std::vector<uint8_t> batch;
+        bool failed = false;
         uint64_t frames = 0, bytes = 0;
     } counted(server);
+    counted.batch.reserve(kBatch + 1024);
     // One object per class, overwritten for every part, each sent to this server alone.
     auto to = [&counted](CommandEvent& e) {
         e.setStamp(CommandEvent::kSenderStamp);
@@ -416,6 +432,7 @@ bool ClientBackend::addCommunicator(Lirra::Communicator* server) {
             to(command);
         }
     }
+    counted.flush();
     _catchUps.fetch_add(1, std::memory_order_relaxed);
     _catchUpEvents.fetch_add(counted.frames, std::memory_order_relaxed);
     _catchUpBytes.fetch_add(counted.bytes, std::memory_order_relaxed);

@@ -20,6 +20,8 @@ Emitter::~Emitter() {
     setSource(nullptr);
     world().destroyEmitter(*this);
     world()._emitters.erase(id());
+    Emitter* self = this;
+    world()._lastEmitter.compare_exchange_strong(self, nullptr);
 }
 
 void Emitter::setSource(Source* source) {

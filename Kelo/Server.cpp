@@ -47,7 +47,14 @@ T* as(CommandEvent* event) {
 
 // Where a command's count is kept: its number, or 0 for a number that is no command.
 size_t commandSlot(int16_t command) {
-    return command > 0 && command <= StopEmitter && CommandEvent::commandName(command)
+    // Which numbers are commands, looked up once: this runs for every event received.
+    static const auto isCommand = [] {
+        std::array<bool, StopEmitter + 1> table{};
+        for (int16_t c = 1; c <= StopEmitter; ++c)
+            table[static_cast<size_t>(c)] = CommandEvent::commandName(c) != nullptr;
+        return table;
+    }();
+    return command > 0 && command <= StopEmitter && isCommand[static_cast<size_t>(command)]
                ? static_cast<size_t>(command)
                : 0;
 }

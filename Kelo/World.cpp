@@ -154,8 +154,14 @@ Emitter* World::createEmitter(const std::vector<std::string>& labels, int id) {
 }
 
 Emitter* World::getEmitter(int id) const {
+    Emitter* last = _lastEmitter.load(std::memory_order_relaxed);
+    if (last && last->id() == id)
+        return last;
     auto it = _emitters.find(id);
-    return it == _emitters.end() ? nullptr : it->second;
+    if (it == _emitters.end())
+        return nullptr;
+    _lastEmitter.store(it->second, std::memory_order_relaxed);
+    return it->second;
 }
 
 Source* World::createSource(int id) {

@@ -24,6 +24,7 @@ void MultiCommunicator::close() {
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);
         members.swap(_members);
+        _count.store(0, std::memory_order_relaxed);
         _current = nullptr;
         _broken = true;
     }
@@ -68,6 +69,7 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
         if (std::find(_members.begin(), _members.end(), communicator) != _members.end())
             return false;
         _members.push_back(communicator);
+        _count.store(_members.size(), std::memory_order_relaxed);
     }
     _hub->wake();
     return true;
@@ -76,6 +78,7 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
 void MultiCommunicator::removeCommunicator(Communicator* communicator) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
     _members.erase(std::remove(_members.begin(), _members.end(), communicator), _members.end());
+    _count.store(_members.size(), std::memory_order_relaxed);
     if (_current == communicator)
         _current = nullptr;
 }

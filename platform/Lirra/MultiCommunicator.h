@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -68,6 +69,8 @@ public:
     bool waitForInput(double seconds);
 
     size_t size() const;
+    // No connection in the set, without taking the lock: a sender may skip encoding.
+    bool empty() const { return _count.load(std::memory_order_relaxed) == 0; }
     // Bytes a connection's send queue may hold before its peer is taken for lost; for
     // connections made from now on.
     size_t sendLimit() const { return _sendLimit; }
@@ -123,7 +126,8 @@ private:
 
     std::shared_ptr<detail::Hub> _hub;
     std::vector<Communicator*> _members;
-    size_t _next = 0;  // round-robin position
+    std::atomic<size_t> _count{0};  // _members.size()
+    size_t _next = 0;               // round-robin position
     Communicator* _current = nullptr;
     bool _broken = false;
     size_t _sendLimit = 64u << 20;
