@@ -29,8 +29,6 @@ constexpr auto kHandshakeTimeout = std::chrono::seconds(5);
 // How long a goodbye may take to leave and the peer to close after it.
 constexpr auto kLinger = std::chrono::seconds(1);
 constexpr size_t kReadChunk = 256 * 1024;
-// A send buffer keeps this much room once its connection has been quiet for a while.
-constexpr size_t kKeptSendCapacity = 4u << 20;
 // How long a connection must have had nothing queued for the next event to skip the queue.
 constexpr auto kQuietSpell = std::chrono::microseconds(500);
 // The keep-alive frame: length 4, type 0, stamp 0.
@@ -90,6 +88,45 @@ void shrink(std::vector<uint8_t>& buffer, size_t above) {
 #endif
 }
 
+std::shared_ptr<Chunk> ChunkPool::get(size_t count) {
+    std::unique_ptr<Chunk> chunk;
+    if (count <= kChunk) {
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            if (!_free.empty()) {
+                chunk = std::move(_free.back());
+                _free.pop_back();
+            }
+        }
+        if (!chunk)
+            chunk = std::make_unique<Chunk>(kChunk);
+    } else {
+        chunk = std::make_unique<Chunk>(count);  // a large frame's own, freed after it
+    }
+    chunk->used = 0;
+    return std::shared_ptr<Chunk>(chunk.release(),
+                                  [pool = shared_from_this()](Chunk* c) { pool->put(c); });
+}
+
+void ChunkPool::put(Chunk* chunk) {
+    std::unique_ptr<Chunk> owned(chunk);
+    if (chunk->capacity != kChunk)
+        return;
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_free.size() < kKept)
+        _free.push_back(std::move(owned));
+}
+
+const std::shared_ptr<Chunk>& ChunkWriter::append(const uint8_t* bytes, size_t count, size_t& at) {
+    if (!_current || _current->capacity - _current->used < count)
+        _current = _pool->get(count);
+    at = _current->used;
+    if (count)
+        std::memcpy(_current->bytes.get() + at, bytes, count);
+    _current->used += count;
+    return _current;
+}
+
 Hub::Hub() : wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 Hub::~Hub() {
@@ -128,6 +165,7 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, s
       _hub(std::move(hub)),
       _peer(describe(_socket)),
       _readChunk(kReadChunk),
+      _own(_hub->chunks),
       _sendLimit(sendLimit),
       _fd(_socket.native_handle()) {
     boost::system::error_code ignored;
@@ -459,13 +497,6 @@ bool Connection::check() {
     if (writes != _writesSeen) {
         _writesSeen = writes;
         _lastSent = now;
-    } else {
-        // Quiet since the last check: the room a burst needed goes back.
-        std::lock_guard<std::mutex> lock(_txMutex);
-        if (_tx.empty() && !_writing && _tx.capacity() > kKeptSendCapacity)
-            std::vector<uint8_t>().swap(_tx);
-        if (_inFlight.empty() && !_writing && _inFlight.capacity() > kKeptSendCapacity)
-            std::vector<uint8_t>().swap(_inFlight);
     }
     const double keepAlive = _hub->keepAlive.load(std::memory_order_relaxed);
     if (keepAlive > 0 && secondsSince(_lastSent, now) >= keepAlive)
@@ -515,9 +546,19 @@ bool Connection::check() {
 
 bool Connection::write(const uint8_t* bytes, size_t count) {
     std::lock_guard<std::mutex> lock(_txMutex);
+    return send(bytes, count, nullptr, 0);
+}
+
+bool Connection::write(const std::shared_ptr<Chunk>& chunk, size_t at, size_t count) {
+    std::lock_guard<std::mutex> lock(_txMutex);
+    return send(chunk->bytes.get() + at, count, &chunk, at);
+}
+
+bool Connection::send(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk,
+                      size_t at) {
     if (_closed || _closing)
         return false;
-    if (_tx.size() + count > _sendLimit) {
+    if (_txBytes + count > _sendLimit) {
         _closed = true;
         _hub->sendLimitDrops.fetch_add(1, std::memory_order_relaxed);
         LIRRA_LOG_LIMITED(osg::LOG_WARNING,
@@ -540,16 +581,28 @@ bool Connection::write(const uint8_t* bytes, size_t count) {
                 return true;
             if (sent > 0) {
                 bytes += sent;
+                at += static_cast<size_t>(sent);
                 count -= static_cast<size_t>(sent);
             }
         }
     }
-    _tx.insert(_tx.end(), bytes, bytes + count);
+    enqueue(bytes, count, chunk, at);
+    return true;
+}
+
+void Connection::enqueue(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk,
+                         size_t at) {
+    const std::shared_ptr<Chunk>& in = chunk ? *chunk : _own.append(bytes, count, at);
+    // The frames of a stream lie one after the other in a chunk: one slice covers them all.
+    if (!_tx.empty() && _tx.back().chunk == in && _tx.back().end == at)
+        _tx.back().end += count;
+    else
+        _tx.push_back({in, at, at + count});
+    _txBytes += count;
     if (!_writing) {
         _writing = true;
         asio::post(_socket.get_executor(), [self = shared_from_this()] { self->flush(); });
     }
-    return true;
 }
 
 void Connection::flush() {
@@ -565,7 +618,7 @@ void Connection::flush() {
             finished = _closing;
         } else {
             _inFlight.swap(_tx);
-            _tx.clear();
+            _txBytes = 0;
         }
     }
     if (_inFlight.empty()) {
@@ -576,11 +629,13 @@ void Connection::flush() {
         }
         return;
     }
-    asio::async_write(_socket, asio::buffer(_inFlight),
+    // One gathering write for every slice: the chunks are sent from where they are.
+    _buffers.clear();
+    for (const Slice& slice : _inFlight)
+        _buffers.emplace_back(slice.chunk->bytes.get() + slice.begin, slice.end - slice.begin);
+    asio::async_write(_socket, _buffers,
                       [self = shared_from_this()](boost::system::error_code ec, size_t) {
-                          // Its room is kept for the next burst (check() frees it once the
-                          // connection is quiet): fresh memory for every burst costs more
-                          // in page faults than the copying.
+                          // The chunks go back to the pool once no queue refers to them.
                           self->_inFlight.clear();
                           if (ec)
                               return self->fail(nullptr);
@@ -595,7 +650,7 @@ bool Connection::drained() {
 
 size_t Connection::queued() {
     std::lock_guard<std::mutex> lock(_txMutex);
-    return _tx.size();
+    return _txBytes;
 }
 
 void Connection::close() {
@@ -616,11 +671,7 @@ void Connection::refuse(const std::string& reason) {
             return;
         _closing = true;
         // Past the send limit if need be: it is small, and the last thing sent.
-        _tx.insert(_tx.end(), frame.begin(), frame.end());
-        if (!_writing) {
-            _writing = true;
-            asio::post(_socket.get_executor(), [self = shared_from_this()] { self->flush(); });
-        }
+        enqueue(frame.data(), frame.size(), nullptr, 0);
     }
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);

@@ -22,6 +22,46 @@
 namespace Lirra {
 namespace detail {
 
+// Bytes written once and then only read: a frame for several connections is copied into one
+// chunk, and each connection's send queue refers to it. Only the writer that filled a chunk
+// appends to it, beyond what it has handed out.
+struct Chunk {
+    explicit Chunk(size_t capacity) : bytes(new uint8_t[capacity]), capacity(capacity) {}
+    std::unique_ptr<uint8_t[]> bytes;
+    const size_t capacity;
+    size_t used = 0;
+};
+
+// Chunks of the usual size come back here when the last send queue lets go of them, so that
+// a stream reuses the same few chunks (and pages) instead of fresh memory.
+class ChunkPool : public std::enable_shared_from_this<ChunkPool> {
+public:
+    static constexpr size_t kChunk = 64 * 1024;
+    static constexpr size_t kKept = 32;  // chunks kept for reuse, at most
+
+    // A chunk with room for count bytes, empty.
+    std::shared_ptr<Chunk> get(size_t count);
+
+private:
+    void put(Chunk* chunk);
+
+    std::mutex _mutex;
+    std::vector<std::unique_ptr<Chunk>> _free;
+};
+
+// Appends frames to chunks, taking a new one from the pool when the present one is full.
+// Used under its owner's lock.
+class ChunkWriter {
+public:
+    explicit ChunkWriter(std::shared_ptr<ChunkPool> pool) : _pool(std::move(pool)) {}
+    // Copies the bytes into the chunk being filled and returns it; *at is where they start.
+    const std::shared_ptr<Chunk>& append(const uint8_t* bytes, size_t count, size_t& at);
+
+private:
+    std::shared_ptr<ChunkPool> _pool;
+    std::shared_ptr<Chunk> _current;
+};
+
 // What the connections of one multi-connection object share: the lock and the condition that
 // the receiving thread waits on, the settings that bound what a peer may cost, and the count
 // of received bytes not yet read.
@@ -38,6 +78,7 @@ struct Hub {
     // could not be made: the reader then waits on the condition variable.
     const int wakeFd;
     std::atomic<bool> polling{false};  // the reader is in poll()
+    const std::shared_ptr<ChunkPool> chunks = std::make_shared<ChunkPool>();
     // Tells the reader that something it may wait for has changed; after the lock is released.
     void wake();
     // Empties the eventfd, once the reader is back from poll().
@@ -102,6 +143,9 @@ public:
     // Queues bytes for sending; the network thread writes whatever has gathered in one go.
     // False when the connection is lost, or becomes lost because the queue passed its bound.
     bool write(const uint8_t* bytes, size_t count);
+    // The same for bytes in a chunk that other connections send too: the queue refers to
+    // them instead of copying them.
+    bool write(const std::shared_ptr<Chunk>& chunk, size_t at, size_t count);
     // Ends the connection from any thread.
     void close();
     // Sends a goodbye with the reason after what is queued, then closes; from any thread.
@@ -151,6 +195,10 @@ private:
     // dropped.
     bool check();
     void flush();
+    // write() of either kind: chunk null for bytes that are copied. _txMutex held.
+    bool send(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk, size_t at);
+    void enqueue(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk,
+                 size_t at);
     void linger();
     void fail(const char* why);
     void shutdown();
@@ -201,8 +249,17 @@ private:
 
     // Sending, guarded by _txMutex.
     std::mutex _txMutex;
-    std::vector<uint8_t> _tx;
-    std::vector<uint8_t> _inFlight;
+    // Parts of chunks, in order; the writer's for bytes that are copied.
+    struct Slice {
+        std::shared_ptr<Chunk> chunk;
+        size_t begin, end;
+    };
+    std::vector<Slice> _tx;
+    size_t _txBytes = 0;
+    ChunkWriter _own;
+    // Network thread: what is being written, and its buffers for one gathering write.
+    std::vector<Slice> _inFlight;
+    std::vector<boost::asio::const_buffer> _buffers;
     bool _writing = false;
     bool _closed = false;
     bool _closing = false;  // a goodbye is queued: nothing more goes out after it

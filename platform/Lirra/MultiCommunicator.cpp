@@ -13,7 +13,9 @@
 
 namespace Lirra {
 
-MultiCommunicator::MultiCommunicator() : _hub(std::make_shared<detail::Hub>()) {}
+MultiCommunicator::MultiCommunicator()
+    : _hub(std::make_shared<detail::Hub>()),
+      _chunks(std::make_unique<detail::ChunkWriter>(_hub->chunks)) {}
 
 MultiCommunicator::~MultiCommunicator() {
     MultiCommunicator::close();
@@ -48,9 +50,14 @@ const char* refusalName(Refusal refusal) {
 
 bool MultiCommunicator::write(const uint8_t* bytes, size_t count) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
+    if (_members.empty())
+        return false;
+    // Copied once; every connection's queue refers to the same bytes.
+    size_t at = 0;
+    const std::shared_ptr<detail::Chunk>& chunk = _chunks->append(bytes, count, at);
     uint64_t delivered = 0;
     for (Communicator* c : _members)
-        delivered += c->write(bytes, count) ? 1 : 0;
+        delivered += c->_connection->write(chunk, at, count) ? 1 : 0;
     // Writers hold the lock, so a plain load and store add up: cheaper than an atomic add on
     // the path every event takes.
     const auto add = [](std::atomic<uint64_t>& counter, uint64_t n) {

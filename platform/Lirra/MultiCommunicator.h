@@ -17,7 +17,8 @@ namespace Lirra {
 
 namespace detail {
 struct Hub;
-}
+class ChunkWriter;
+}  // namespace detail
 
 // Why the connection layer refused a frame or dropped a connection, for monitoring.
 enum class Refusal {
@@ -125,6 +126,8 @@ private:
                         const std::chrono::steady_clock::time_point* deadline);
 
     std::shared_ptr<detail::Hub> _hub;
+    // Where write() copies a frame once for every connection of the set (hub lock).
+    std::unique_ptr<detail::ChunkWriter> _chunks;
     std::vector<Communicator*> _members;
     std::atomic<size_t> _count{0};  // _members.size()
     size_t _next = 0;               // round-robin position
