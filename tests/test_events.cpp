@@ -16,6 +16,7 @@
 #include <Kelo/SourceDurationEvent.h>
 #include <Kelo/SourceParamEvent.h>
 #include <Kelo/TransformEvent.h>
+#include <Lirra/EventDecoder.h>
 
 #include "support.h"
 
@@ -331,6 +332,63 @@ TEST(EventTypes, RegistryRefusesASecondId) {
                                              "(TransformEvent), skip reg.\n"));
     }
     EXPECT_EQ(Lirra::EventType::find(201), &Kelo::TransformEvent::_type);
+}
+
+// An event type registered for a while only, with no fields.
+struct Passing : Lirra::Event {
+    const Lirra::EventType* type() const override { return registered; }
+    static Lirra::Event* create() { return new Passing; }
+    static inline const Lirra::EventType* registered = nullptr;
+};
+
+// A receiver's decoder keeps one object per type: the second frame of a type lands in the
+// object of the first, other types get their own, and the registry is asked again when it
+// changes.
+TEST(EventDecoding, TheDecoderReusesOneObjectPerType) {
+    Lirra::EventDecoder decoder;
+    Kelo::TransformEvent t;
+    t.setCommand(Kelo::SetEmitterTransform);
+    t.setId(4);
+    t.setPosition(osg::Vec3f(1, 2, 3));
+    const Bytes first = frame(t);
+    t.setId(5);
+    t.setPosition(osg::Vec3f(4, 5, 6));
+    const Bytes second = frame(t);
+    Kelo::CommandEvent play(Kelo::PlayEmitter, 5);
+    const Bytes command = frame(play);
+
+    Lirra::Event* a = decoder.decode(first.data() + 4, first.size() - 4);
+    ASSERT_NE(a, nullptr);
+    Lirra::Event* b = decoder.decode(second.data() + 4, second.size() - 4);
+    EXPECT_EQ(a, b);
+    auto* back = dynamic_cast<Kelo::TransformEvent*>(b);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(back->id(), 5);
+    EXPECT_EQ(back->position(), osg::Vec3f(4, 5, 6));
+    Lirra::Event* c = decoder.decode(command.data() + 4, command.size() - 4);
+    ASSERT_NE(c, nullptr);
+    EXPECT_NE(c, a);
+    EXPECT_EQ(c->type(), &Kelo::CommandEvent::_type);
+
+    // A type that comes and goes: refused once it has left the registry.
+    const Bytes odd = hex("04000000 3979 0000");  // type 31033, no fields
+    std::string error;
+    LogCapture log(osg::LOG_WARNING);
+    {
+        Lirra::EventType passing("Passing", 31033, &Passing::create);
+        Passing::registered = &passing;
+        EXPECT_NE(decoder.decode(odd.data() + 4, odd.size() - 4), nullptr);
+    }
+    EXPECT_EQ(decoder.decode(odd.data() + 4, odd.size() - 4, &error), nullptr);
+    EXPECT_EQ(error, "unknown event type 31033");
+    // A frame refused keeps the object for the next good one of its type.
+    Bytes truncated = second;
+    truncated.pop_back();
+    truncated[0] = static_cast<uint8_t>(truncated.size() - 4);
+    EXPECT_EQ(decoder.decode(truncated.data() + 4, truncated.size() - 4, &error), nullptr);
+    EXPECT_EQ(error, "TransformEvent: truncated field");
+    EXPECT_EQ(decoder.decode(first.data() + 4, first.size() - 4), a);
+    EXPECT_EQ(back->id(), 4);
 }
 
 struct DataFiles : ::testing::Test {
