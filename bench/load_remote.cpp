@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/resource.h>
+
 #include <Kelo/ClientBackend.h>
 #include <Kelo/Emitter.h>
 #include <Kelo/Server.h>
@@ -31,6 +33,15 @@ using Clock = std::chrono::steady_clock;
 
 double seconds(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
+}
+
+// Processor time of the whole process (every thread, both ends), in seconds: unlike the rates,
+// it does not depend on how much of the machine the other guests leave us.
+double cpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 // Watches what arrives on a server: every emitter position must be one step further along x.
@@ -141,6 +152,7 @@ void throughput(int serverCount, long events) {
                    client->servers() == servers.size())
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
     };
+    const double cpuStart = cpuSeconds();
     const auto start = Clock::now();
     for (long i = 1; i <= events; ++i) {
         const osg::Vec3f p(static_cast<float>(i), 0, 0);
@@ -149,6 +161,7 @@ void throughput(int serverCount, long events) {
     const auto sent = Clock::now();
     wait(events);
     const auto arrived = Clock::now();
+    const double cpu = cpuSeconds() - cpuStart;
     if (client->servers() != servers.size())
         std::printf("  A SERVER WAS DROPPED\n");
     std::printf("throughput, %d server%s: %ld transform events sent in %.2f s (%.2f M/s sent)\n",
@@ -162,6 +175,9 @@ void throughput(int serverCount, long events) {
                     w.disorder ? "OUT OF ORDER" : "in order",
                     w.moves == events ? "none lost" : "SOME LOST");
     }
+    std::printf("  processor time, both ends: %.2f s, %.0f ns per event sent (%.0f per delivery)\n",
+                cpu, cpu / static_cast<double>(events) * 1e9,
+                cpu / static_cast<double>(events * serverCount) * 1e9);
     world.clearWorld();
     world.deleteAllBackends();
 }

@@ -88,6 +88,32 @@ void shrink(std::vector<uint8_t>& buffer, size_t above) {
 #endif
 }
 
+SpinningMutex::SpinningMutex() {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+#ifdef PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
+#endif
+    pthread_mutex_init(&_mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+SpinningMutex::~SpinningMutex() {
+    pthread_mutex_destroy(&_mutex);
+}
+
+void SpinningMutex::lock() {
+    pthread_mutex_lock(&_mutex);
+}
+
+void SpinningMutex::unlock() {
+    pthread_mutex_unlock(&_mutex);
+}
+
+bool SpinningMutex::try_lock() {
+    return pthread_mutex_trylock(&_mutex) == 0;
+}
+
 std::shared_ptr<Chunk> ChunkPool::get(size_t count) {
     std::unique_ptr<Chunk> chunk;
     if (count <= kChunk) {
@@ -461,7 +487,7 @@ size_t Connection::takeFrames(std::vector<uint8_t>& out) {
 
 void Connection::startWatch() {
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         _writesSeen = _writes;
     }
     _lastSent = Clock::now();
@@ -491,7 +517,7 @@ bool Connection::check() {
     const auto now = Clock::now();
     uint64_t writes = 0;
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         writes = _writes;
     }
     if (writes != _writesSeen) {
@@ -545,12 +571,12 @@ bool Connection::check() {
 }
 
 bool Connection::write(const uint8_t* bytes, size_t count) {
-    std::lock_guard<std::mutex> lock(_txMutex);
+    std::lock_guard<SpinningMutex> lock(_txMutex);
     return send(bytes, count, nullptr, 0);
 }
 
 bool Connection::write(const std::shared_ptr<Chunk>& chunk, size_t at, size_t count) {
-    std::lock_guard<std::mutex> lock(_txMutex);
+    std::lock_guard<SpinningMutex> lock(_txMutex);
     return send(chunk->bytes.get() + at, count, &chunk, at);
 }
 
@@ -608,7 +634,7 @@ void Connection::enqueue(const uint8_t* bytes, size_t count, const std::shared_p
 void Connection::flush() {
     bool finished = false;
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         if (_closed) {
             _writing = false;
             return;
@@ -644,18 +670,18 @@ void Connection::flush() {
 }
 
 bool Connection::drained() {
-    std::lock_guard<std::mutex> lock(_txMutex);
+    std::lock_guard<SpinningMutex> lock(_txMutex);
     return _closed || (_tx.empty() && !_writing);
 }
 
 size_t Connection::queued() {
-    std::lock_guard<std::mutex> lock(_txMutex);
+    std::lock_guard<SpinningMutex> lock(_txMutex);
     return _txBytes;
 }
 
 void Connection::close() {
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         if (_closing)
             return;  // the goodbye under way closes it
         _closed = true;
@@ -666,7 +692,7 @@ void Connection::close() {
 void Connection::refuse(const std::string& reason) {
     const std::vector<uint8_t> frame = goodbyeFrame(reason);
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         if (_closed || _closing)
             return;
         _closing = true;
@@ -720,7 +746,7 @@ void Connection::fail(const char* why) {
         lose();
     }
     {
-        std::lock_guard<std::mutex> lock(_txMutex);
+        std::lock_guard<SpinningMutex> lock(_txMutex);
         _closed = true;
     }
     _hub->wake();

@@ -12,6 +12,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,23 @@
 
 namespace Lirra {
 namespace detail {
+
+// A mutex that spins a little before it sleeps: the send queue's lock is held for a few
+// dozen instructions at a time, by the sending thread and the network thread in turn, and a
+// sleep and a wake-up each time they meet cost far more than the wait.
+class SpinningMutex {
+public:
+    SpinningMutex();
+    ~SpinningMutex();
+    SpinningMutex(const SpinningMutex&) = delete;
+    SpinningMutex& operator=(const SpinningMutex&) = delete;
+    void lock();
+    void unlock();
+    bool try_lock();
+
+private:
+    pthread_mutex_t _mutex;
+};
 
 // Bytes written once and then only read: a frame for several connections is copied into one
 // chunk, and each connection's send queue refers to it. Only the writer that filled a chunk
@@ -248,7 +267,7 @@ private:
     std::chrono::steady_clock::time_point _lastSent{};
 
     // Sending, guarded by _txMutex.
-    std::mutex _txMutex;
+    SpinningMutex _txMutex;
     // Parts of chunks, in order; the writer's for bytes that are copied.
     struct Slice {
         std::shared_ptr<Chunk> chunk;
