@@ -16,6 +16,11 @@ Communicator::~Communicator() {
 }
 
 bool Communicator::write(const uint8_t* bytes, size_t count) {
+    // Frames written to the whole set before this one go first.
+    {
+        std::lock_guard<std::mutex> lock(_connection->hub().mutex);
+        _connection->hub().publish();
+    }
     return _connection->write(bytes, count);
 }
 

@@ -160,6 +160,19 @@ Hub::~Hub() {
         ::close(wakeFd);
 }
 
+void Hub::publish() {
+    if (pendingEnd == pendingBegin)
+        return;
+    for (Connection* c : senders)
+        c->write(pending, pendingBegin, pendingEnd - pendingBegin);
+    pendingBegin = pendingEnd;
+}
+
+bool Hub::anyIdle() const {
+    return std::any_of(senders.begin(), senders.end(),
+                       [](const Connection* c) { return c->idle(); });
+}
+
 void Hub::wake() {
     ready.notify_all();
     if (polling.load(std::memory_order_relaxed)) {
@@ -627,20 +640,30 @@ void Connection::enqueue(const uint8_t* bytes, size_t count, const std::shared_p
     _txBytes += count;
     if (!_writing) {
         _writing = true;
+        _idle.store(false, std::memory_order_release);
         asio::post(_socket.get_executor(), [self = shared_from_this()] { self->flush(); });
     }
 }
 
+void Connection::publishShared() {
+    std::lock_guard<std::mutex> lock(_hub->mutex);
+    _hub->publish();
+}
+
 void Connection::flush() {
+    // What the set's writer gathered while every connection was busy goes into the queues.
+    publishShared();
     bool finished = false;
     {
         std::lock_guard<SpinningMutex> lock(_txMutex);
         if (_closed) {
             _writing = false;
+            _idle.store(true, std::memory_order_release);
             return;
         }
         if (_tx.empty()) {
             _writing = false;
+            _idle.store(true, std::memory_order_release);
             finished = _closing;
         } else {
             _inFlight.swap(_tx);
@@ -648,6 +671,10 @@ void Connection::flush() {
         }
     }
     if (_inFlight.empty()) {
+        // A frame written while this queue still looked busy waits in the set's pending
+        // frames: now that it is idle, they go out.
+        if (!finished)
+            publishShared();
         if (finished) {
             // The goodbye is out: the peer sees the end of the stream after it.
             boost::system::error_code ignored;

@@ -98,6 +98,19 @@ struct Hub {
     const int wakeFd;
     std::atomic<bool> polling{false};  // the reader is in poll()
     const std::shared_ptr<ChunkPool> chunks = std::make_shared<ChunkPool>();
+
+    // Frames written to every connection of the set and not yet in their queues: while all of
+    // them are busy writing, frames gather here, and go into every queue at once when one of
+    // them finishes a write (or is idle): one lock per frame instead of one per connection.
+    // Hub lock.
+    std::shared_ptr<Chunk> pending;
+    size_t pendingBegin = 0;
+    size_t pendingEnd = 0;
+    std::vector<Connection*> senders;  // the set's connections
+    // Puts the pending frames into every connection's queue (hub lock held).
+    void publish();
+    // Whether a connection of the set has nothing to write: then frames go out at once.
+    bool anyIdle() const;
     // Tells the reader that something it may wait for has changed; after the lock is released.
     void wake();
     // Empties the eventfd, once the reader is back from poll().
@@ -174,6 +187,8 @@ public:
     bool drained();
     // Bytes waiting in the send queue, which the send limit bounds.
     size_t queued();
+    // Nothing queued or being written (any thread).
+    bool idle() const { return _idle.load(std::memory_order_acquire); }
 
     // Receiving side, under the hub's lock: moves the complete frames received so far to the
     // end of out. Returns the number of bytes moved. They stay counted in the hub's held
@@ -214,6 +229,8 @@ private:
     // dropped.
     bool check();
     void flush();
+    // Hub::publish() for this connection's set, from the network thread.
+    void publishShared();
     // write() of either kind: chunk null for bytes that are copied. _txMutex held.
     bool send(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk, size_t at);
     void enqueue(const uint8_t* bytes, size_t count, const std::shared_ptr<Chunk>* chunk,
@@ -280,6 +297,7 @@ private:
     std::vector<Slice> _inFlight;
     std::vector<boost::asio::const_buffer> _buffers;
     bool _writing = false;
+    std::atomic<bool> _idle{true};  // !_writing, for Hub::anyIdle()
     bool _closed = false;
     bool _closing = false;  // a goodbye is queued: nothing more goes out after it
     uint64_t _writes = 0;

@@ -25,7 +25,9 @@ void MultiCommunicator::close() {
     std::vector<Communicator*> members;
     {
         std::lock_guard<std::mutex> lock(_hub->mutex);
+        _hub->publish();
         members.swap(_members);
+        _hub->senders.clear();
         _count.store(0, std::memory_order_relaxed);
         _current = nullptr;
         _broken = true;
@@ -52,12 +54,20 @@ bool MultiCommunicator::write(const uint8_t* bytes, size_t count) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
     if (_members.empty())
         return false;
-    // Copied once; every connection's queue refers to the same bytes.
+    // Copied once; every connection's queue refers to the same bytes. While every connection
+    // is busy writing, the frames gather and go into the queues when one finishes a write.
+    detail::Hub& hub = *_hub;
     size_t at = 0;
     const std::shared_ptr<detail::Chunk>& chunk = _chunks->append(bytes, count, at);
-    uint64_t delivered = 0;
-    for (Communicator* c : _members)
-        delivered += c->_connection->write(chunk, at, count) ? 1 : 0;
+    if (chunk != hub.pending || at != hub.pendingEnd) {
+        hub.publish();
+        hub.pending = chunk;
+        hub.pendingBegin = hub.pendingEnd = at;
+    }
+    hub.pendingEnd += count;
+    if (hub.anyIdle())
+        hub.publish();
+    const uint64_t delivered = _members.size();
     // Writers hold the lock, so a plain load and store add up: cheaper than an atomic add on
     // the path every event takes.
     const auto add = [](std::atomic<uint64_t>& counter, uint64_t n) {
@@ -75,7 +85,9 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
         std::lock_guard<std::mutex> lock(_hub->mutex);
         if (std::find(_members.begin(), _members.end(), communicator) != _members.end())
             return false;
+        _hub->publish();  // what was written before it joined is not for it
         _members.push_back(communicator);
+        _hub->senders.push_back(communicator->_connection.get());
         _count.store(_members.size(), std::memory_order_relaxed);
     }
     _hub->wake();
@@ -84,7 +96,11 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
 
 void MultiCommunicator::removeCommunicator(Communicator* communicator) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
+    _hub->publish();
     _members.erase(std::remove(_members.begin(), _members.end(), communicator), _members.end());
+    auto& senders = _hub->senders;
+    senders.erase(std::remove(senders.begin(), senders.end(), communicator->_connection.get()),
+                  senders.end());
     _count.store(_members.size(), std::memory_order_relaxed);
     if (_current == communicator)
         _current = nullptr;
