@@ -23,6 +23,8 @@
 #include <lo/lo.h>
 #include <CLI/CLI.hpp>
 
+#include "BenchOptions.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -254,14 +256,8 @@ int main(int argc, char** argv) {
         ->type_name("PATH")
         ->check(CLI::ExistingFile)
         ->capture_default_str();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0)  // --help
-            return app.exit(e);
-        std::fprintf(stderr, "compare_osc: %s\n", e.what());
-        return 2;
-    }
+    if (const auto exitCode = parseOptions(app, argc, argv, "compare_osc"))
+        return *exitCode;
     if (::access(program.c_str(), X_OK) != 0) {
         std::fprintf(stderr, "compare_osc: %s is not a program (see --load-remote)\n",
                      program.c_str());

@@ -24,6 +24,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "BenchOptions.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -319,14 +321,8 @@ int main(int argc, char** argv) {
     app.add_option("--batch", batch, "Frames per write in the stream (1 = a system call each)")
         ->check(CLI::Range(1, 100'000))
         ->capture_default_str();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0)  // --help
-            return app.exit(e);
-        std::fprintf(stderr, "tcp_floor: %s\n", e.what());
-        return 2;
-    }
+    if (const auto exitCode = parseOptions(app, argc, argv, "tcp_floor"))
+        return *exitCode;
     if (gap * rounds > 300'000) {
         std::fprintf(stderr, "tcp_floor: --rounds times --gap must stay within 300 s\n");
         return 2;

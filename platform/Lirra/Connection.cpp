@@ -28,7 +28,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kHandshakeTimeout = std::chrono::seconds(5);
 // How long a goodbye may take to leave and the peer to close after it.
 constexpr auto kLinger = std::chrono::seconds(1);
-constexpr size_t kReadChunk = 256 * 1024;
 // How long a connection must have had nothing queued for the next event to skip the queue.
 constexpr auto kQuietSpell = std::chrono::microseconds(500);
 // The keep-alive frame: length 4, type 0, stamp 0.
@@ -325,6 +324,8 @@ bool Connection::pollable() const {
 }
 
 size_t Connection::pull() {
+    if (_rx.capacity() < kKeptCapacity)
+        _rx.reserve(kKeptCapacity);
     const ssize_t n = ::recv(_fd, _readChunk.data(), _readChunk.size(), MSG_DONTWAIT);
     if (n <= 0) {
         if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))

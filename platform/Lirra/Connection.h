@@ -137,9 +137,13 @@ struct Hub {
 
 // Room a buffer keeps once a large frame has gone through it.
 constexpr size_t kKeptCapacity = 1u << 20;
+// What one read of the socket takes at most.
+constexpr size_t kReadChunk = 256 * 1024;
 // Whole frames waiting for the reader beyond this stop the reading, so that a reader that
-// falls behind pushes back on the peer instead of filling memory.
-constexpr size_t kReceiveBacklog = 8u << 20;
+// falls behind pushes back on the peer instead of filling memory. With one more read they fit
+// the room a receive buffer keeps: a stream of small frames goes through the same memory again
+// and again, instead of growing buffers that touch fresh pages.
+constexpr size_t kReceiveBacklog = kKeptCapacity - kReadChunk;
 // Room that a backlog of small frames never needs: only a large frame leaves so much behind.
 // The receive buffers keep up to this between batches.
 constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;

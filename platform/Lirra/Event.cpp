@@ -216,28 +216,41 @@ bool Event::readFrame(Receiver* from, std::vector<uint8_t>& body, std::string* e
     return true;
 }
 
-bool Event::receive(Receiver* from, Event*& event, std::string* error) {
+namespace {
+
+// Reads one frame and decodes it with decode(bytes, size): in place when the receiver holds
+// the frame whole, else through body, whose room a large frame gives back afterwards.
+template <typename Decode>
+bool readAndDecode(Receiver* from, Event*& event, std::string* error, std::vector<uint8_t>& body,
+                   Decode decode) {
     event = nullptr;
     if (error)
         error->clear();
     if (!from)
         return false;
     size_t size = 0;
-    if (const uint8_t* body = from->nextFrame(size)) {
-        event = decodeNew(body, size, error, true);
+    if (const uint8_t* frame = from->nextFrame(size)) {
+        event = decode(frame, size);
         from->frameDone();
         return event != nullptr;
     }
-    thread_local std::vector<uint8_t> body;
-    // A large frame's room is given back afterwards, whatever happened to it.
     struct Trim {
         std::vector<uint8_t>& buffer;
         ~Trim() { release(buffer); }
     } trim{body};
-    if (!readFrame(from, body, error))
+    if (!Event::readFrame(from, body, error))
         return false;
-    event = decodeNew(body.data(), body.size(), error, true);
+    event = decode(body.data(), body.size());
     return event != nullptr;
+}
+
+}  // namespace
+
+bool Event::receive(Receiver* from, Event*& event, std::string* error) {
+    thread_local std::vector<uint8_t> body;
+    return readAndDecode(from, event, error, body, [error](const uint8_t* bytes, size_t size) {
+        return decodeNew(bytes, size, error, true);
+    });
 }
 
 EventDecoder::Slot* EventDecoder::slot(int16_t id) {
@@ -297,26 +310,11 @@ void EventDecoder::done() {
 }
 
 bool EventDecoder::receive(Receiver* from, Event*& event, std::string* error) {
-    event = nullptr;
     _large = nullptr;
-    if (error)
-        error->clear();
-    if (!from)
-        return false;
-    size_t size = 0;
-    if (const uint8_t* body = from->nextFrame(size)) {
-        event = decode(body, size, error, true);
-        from->frameDone();
-        return event != nullptr;
-    }
-    struct Trim {
-        std::vector<uint8_t>& buffer;
-        ~Trim() { release(buffer); }
-    } trim{_body};
-    if (!Event::readFrame(from, _body, error))
-        return false;
-    event = decode(_body.data(), _body.size(), error, true);
-    return event != nullptr;
+    return readAndDecode(from, event, error, _body,
+                         [this, error](const uint8_t* bytes, size_t size) {
+                             return decode(bytes, size, error, true);
+                         });
 }
 
 EventType::EventType(const char* name, int16_t id, Factory factory)
