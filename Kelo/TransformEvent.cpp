@@ -30,10 +30,10 @@ void TransformEvent::addFields() {
 
 void TransformEvent::getFields() {
     CommandEvent::getFields();
-    for (int i = 0; i < 3; ++i)
-        getField(_position[i]);
-    for (int i = 0; i < 4; ++i)
-        getField(_rotation[i]);  // as received, not normalised
+    float values[7];
+    getFloats(values, 7);
+    _position = osg::Vec3f(values[0], values[1], values[2]);
+    _rotation = osg::Quaternion(values[3], values[4], values[5], values[6]);  // not normalised
 }
 
 }  // namespace Kelo

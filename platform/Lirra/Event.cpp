@@ -163,10 +163,11 @@ bool Event::decodeInto(const uint8_t* body, size_t size, std::string* error) {
     return read(body, size, error, false);
 }
 
-bool Event::read(const uint8_t* body, size_t size, std::string* error, bool fromPeer) {
+bool Event::read(const uint8_t* body, size_t size, std::string* error, bool fromPeer,
+                 const EventType* known) {
     if (size < kHeaderSize - 4)
         return refuse("frame shorter than its header", error, fromPeer);
-    const EventType* t = type();
+    const EventType* t = known ? known : type();
     const auto id = static_cast<int16_t>(fromWire<uint16_t>(body));
     if (!t || t->id() != id)
         return refuse("event type " + std::to_string(id) + " read into another type", error,
@@ -293,7 +294,7 @@ Event* EventDecoder::decode(const uint8_t* body, size_t size, std::string* error
     }
     if (!s->event)
         s->event.reset(s->type->create());
-    if (!s->event->read(body, size, error, fromPeer))
+    if (!s->event->read(body, size, error, fromPeer, s->type))
         return nullptr;
     if (size > kKeptFrame)
         _large = s->event.get();

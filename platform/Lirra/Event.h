@@ -108,9 +108,15 @@ protected:
         getField(bits);
         value = static_cast<int16_t>(bits);
     }
-    void getField(uint16_t& value) { takeNumber(value); }
-    void getField(uint32_t& value) { takeNumber(value); }
-    void getField(uint64_t& value) { takeNumber(value); }
+    void getField(uint16_t& value) {
+        takeNumber(value);
+    }
+    void getField(uint32_t& value) {
+        takeNumber(value);
+    }
+    void getField(uint64_t& value) {
+        takeNumber(value);
+    }
     void getField(float& value) {
         uint32_t bits;
         takeNumber(bits);
@@ -124,17 +130,32 @@ protected:
         value = byte == 1;
     }
     void getField(std::string& value);
-    void getData(void* bytes, size_t count) { take(bytes, count); }
+    void getData(void* bytes, size_t count) {
+        take(bytes, count);
+    }
+    // Several float fields in a row, as many getField(float&) calls would read them.
+    void getFloats(float* values, size_t count) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        take(values, count * sizeof(float));
+#else
+        for (size_t i = 0; i < count; ++i)
+            getField(values[i]);
+#endif
+    }
     // Bytes not yet read: a count or size read from the frame is checked against it before
     // anything is allocated for it.
-    size_t remaining() const { return static_cast<size_t>(_inEnd - _in); }
+    size_t remaining() const {
+        return static_cast<size_t>(_inEnd - _in);
+    }
     // Marks the frame malformed.
     void fail(const char* reason);
 
 private:
     friend class EventDecoder;
     // decodeInto(); a frame from a peer is refused through the rate-limited log.
-    bool read(const uint8_t* body, size_t size, std::string* error, bool fromPeer);
+    // The type, when the caller knows it, spares a virtual call.
+    bool read(const uint8_t* body, size_t size, std::string* error, bool fromPeer,
+              const EventType* known = nullptr);
 
     void put(const void* bytes, size_t count) {
         if (static_cast<size_t>(_outEnd - _outPos) < count)
