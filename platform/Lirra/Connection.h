@@ -12,10 +12,10 @@
 #include <future>
 #include <memory>
 #include <mutex>
-
-#include <pthread.h>
 #include <string>
 #include <vector>
+
+#include <pthread.h>
 
 #include <boost/asio.hpp>
 
