@@ -23,6 +23,7 @@
 #include <osg/Log.h>
 
 #include "AppOptions.h"
+#include "CommandLine.h"
 
 using namespace AppOptions;
 using Clock = std::chrono::steady_clock;
@@ -174,21 +175,10 @@ int main(int argc, char** argv) {
                    "0 progress only, 1 errors, 2 warnings, 3 notices (default: 2, or "
                    "KELO_LOG_LEVEL)")
         ->type_name("LEVEL");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0)  // --help, --version
-            return app.exit(e);
-        std::fprintf(stderr, "kelo-replay: %s\n", e.what());
-        return 2;
-    }
     Settings settings;
-    try {
-        settings = check(in);
-    } catch (const BadOption& e) {
-        std::fprintf(stderr, "kelo-replay: %s\n", e.what());
-        return 2;
-    }
+    if (const auto exitCode =
+            parseCommandLine(app, argc, argv, "kelo-replay", [&] { settings = check(in); }))
+        return *exitCode;
     osg::Log::the().setLevel(settings.logLevel);
 
     Kelo::SessionReader reader;

@@ -31,6 +31,7 @@
 
 #include "AppOptions.h"
 #include "AudioOutput.h"
+#include "CommandLine.h"
 
 using namespace AppOptions;
 
@@ -399,23 +400,13 @@ int main(int argc, char** argv) {
         ->type_name("MiB")
         ->capture_default_str()
         ->needs(record);
-    try {
-        app.parse(argc, argv);
-        in.deviceGiven = app.count("--device") > 0;
-        in.webGiven = app.count("--web") > 0;
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0)  // --help, --version
-            return app.exit(e);
-        std::fprintf(stderr, "kelo-server: %s\n", e.what());
-        return 2;
-    }
     Settings settings;
-    try {
-        settings = check(in);
-    } catch (const BadOption& e) {
-        std::fprintf(stderr, "kelo-server: %s\n", e.what());
-        return 2;
-    }
+    if (const auto exitCode = parseCommandLine(app, argc, argv, "kelo-server", [&] {
+            in.deviceGiven = app.count("--device") > 0;
+            in.webGiven = app.count("--web") > 0;
+            settings = check(in);
+        }))
+        return *exitCode;
     if (checkOptions) {
         try {
             checkSoundFiles(settings.sounds);

@@ -23,7 +23,7 @@
 #include <lo/lo.h>
 #include <CLI/CLI.hpp>
 
-#include "BenchOptions.h"
+#include "CommandLine.h"
 
 namespace {
 
@@ -256,7 +256,7 @@ int main(int argc, char** argv) {
         ->type_name("PATH")
         ->check(CLI::ExistingFile)
         ->capture_default_str();
-    if (const auto exitCode = parseOptions(app, argc, argv, "compare_osc"))
+    if (const auto exitCode = AppOptions::parseCommandLine(app, argc, argv, "compare_osc", [] {}))
         return *exitCode;
     if (::access(program.c_str(), X_OK) != 0) {
         std::fprintf(stderr, "compare_osc: %s is not a program (see --load-remote)\n",

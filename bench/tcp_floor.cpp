@@ -24,7 +24,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "BenchOptions.h"
+#include "CommandLine.h"
 
 namespace {
 
@@ -321,7 +321,7 @@ int main(int argc, char** argv) {
     app.add_option("--batch", batch, "Frames per write in the stream (1 = a system call each)")
         ->check(CLI::Range(1, 100'000))
         ->capture_default_str();
-    if (const auto exitCode = parseOptions(app, argc, argv, "tcp_floor"))
+    if (const auto exitCode = AppOptions::parseCommandLine(app, argc, argv, "tcp_floor", [] {}))
         return *exitCode;
     if (gap * rounds > 300'000) {
         std::fprintf(stderr, "tcp_floor: --rounds times --gap must stay within 300 s\n");
