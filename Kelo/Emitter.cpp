@@ -13,7 +13,9 @@ constexpr float kTolerance = 1e-6f;
 
 Emitter::Emitter(World& world, int id, const std::vector<std::string>& labels)
     : WorldPart(world, id), _labels(labels) {
-    world._emitters[id] = this;
+    enter(world._emitters, id, this);
+    // What follows a creation (transform, hull, source, state) is about the new emitter.
+    world._lastEmitter.store(this, std::memory_order_relaxed);
 }
 
 Emitter::~Emitter() {
@@ -31,7 +33,7 @@ void Emitter::setSource(Source* source) {
         _source->_emitters.erase(id());
     _source = source;
     if (_source)
-        _source->_emitters[id()] = this;
+        enter(_source->_emitters, id(), this);
     world().setEmitterConnection(*this);
 }
 

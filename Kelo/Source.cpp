@@ -10,7 +10,7 @@
 namespace Kelo {
 
 Source::Source(World& world, int id) : WorldPart(world, id) {
-    world._sources[id] = this;
+    enter(world._sources, id, this);
 }
 
 Source::~Source() {

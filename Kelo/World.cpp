@@ -21,6 +21,12 @@ inline void fanOut(const std::vector<Backend*>& backends, Operation operation, A
         (backend->*operation)(args...);
 }
 
+// False when id is past the largest key: the usual case for a new part, told without a search.
+template <typename Part>
+bool mayHold(const std::map<int, Part*>& parts, int id) {
+    return !parts.empty() && id <= parts.rbegin()->first;
+}
+
 }  // namespace
 
 World::World() = default;
@@ -157,6 +163,8 @@ Emitter* World::getEmitter(int id) const {
     Emitter* last = _lastEmitter.load(std::memory_order_relaxed);
     if (last && last->id() == id)
         return last;
+    if (!mayHold(_emitters, id))
+        return nullptr;
     auto it = _emitters.find(id);
     if (it == _emitters.end())
         return nullptr;
@@ -179,6 +187,8 @@ Source* World::createSource(int id) {
 }
 
 Source* World::getSource(int id) const {
+    if (!mayHold(_sources, id))
+        return nullptr;
     auto it = _sources.find(id);
     return it == _sources.end() ? nullptr : it->second;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <map>
+
 namespace Kelo {
 
 class World;
@@ -28,6 +30,12 @@ protected:
 
     // Records an effective change; false when state is already the current one.
     bool changeState(State state);
+    // Puts part under id, replacing what was there. Ids mostly grow, and an id past the
+    // largest key goes in without a search.
+    template <class Part>
+    static void enter(std::map<int, Part*>& parts, int id, Part* part) {
+        parts.emplace_hint(parts.end(), id, part)->second = part;
+    }
 
 private:
     World& _world;
