@@ -57,6 +57,7 @@ struct Watcher : Kelo::SilentBackend {
     void setEmitterState(Kelo::Emitter& e) override {
         if (watch == 0 || e.id() == watch) {
             played = Clock::now();
+            emittersThen = e.world().emitters().size();
             std::lock_guard<std::mutex> lock(mutex);
             changed.notify_all();
         }
@@ -66,7 +67,8 @@ struct Watcher : Kelo::SilentBackend {
         std::unique_lock<std::mutex> lock(mutex);
         changed.wait_for(lock, std::chrono::seconds(5), [&] { return played.load() != before; });
     }
-    int watch = 0;  // the emitter whose state change counts; 0 for any
+    std::atomic<int> watch{0};            // the emitter whose state change counts; 0 for any
+    std::atomic<size_t> emittersThen{0};  // in the server's world at that change
     float expected = 1;
     std::atomic<long> moves{0};
     bool disorder = false;
@@ -75,24 +77,29 @@ struct Watcher : Kelo::SilentBackend {
     std::condition_variable changed;
 };
 
-// A server on its own thread, as kelo-server runs one, with its own sources 1..n.
+// A server with its own sources 1..n, applying what arrives as kelo-server does: on a thread
+// of its own, or (with threaded false) on the caller's in run().
 struct ServerThread {
-    explicit ServerThread(int sources = 0) : server(0, "127.0.0.1"), sources(sources) {
+    explicit ServerThread(int sources = 0, bool threaded = true)
+        : server(0, "127.0.0.1"), sources(sources) {
         server.setMulticastEnabled(false);
         watcher = new Watcher(server);
         own();
-        thread = std::thread([this] {
-            while (!stop) {
-                server.waitForEvents(0.01);
-                server.receive(false);
-            }
-        });
+        if (threaded)
+            thread = std::thread([this] { run(); });
     }
     ~ServerThread() {
         stop = true;
-        thread.join();
+        if (thread.joinable())
+            thread.join();
         server.clearWorld();
         server.deleteAllBackends();
+    }
+    void run() {
+        while (!stop) {
+            server.waitForEvents(0.01);
+            server.receive(false);
+        }
     }
     void own() {
         for (int id = 1; id <= sources; ++id)
@@ -211,40 +218,48 @@ void latency(int rounds) {
     world.deleteAllBackends();
 }
 
+// The server applies on the process's main thread, as kelo-server does, and the client's world
+// lives on a thread of its own. (The other way round, the new server's world would grow the heap
+// of a fresh thread, which glibc extends a page at a time: building it takes a quarter longer.)
 void catchUp(int emitters, int sources) {
-    Kelo::World world;
-    for (int i = 1; i <= sources; ++i)
-        world.createSource(i)->setParam(true, 1.0f);
-    Kelo::Emitter* last = nullptr;
-    for (int i = 0; i < emitters; ++i) {
-        last = world.createEmitter({"label"});
-        const osg::Vec3f p(static_cast<float>(i), 1, 2);
-        last->setTransform(&p, nullptr);
-        last->setSource(world.getSource(1 + i % sources));
-    }
-    last->setState(Kelo::WorldPart::PLAY);
     std::vector<std::unique_ptr<ServerThread>> servers;
-    servers.push_back(std::make_unique<ServerThread>(sources));
+    servers.push_back(std::make_unique<ServerThread>(sources, false));
     ServerThread& s = *servers[0];
     s.server.onReset = [&s] { s.own(); };
-    s.watcher->watch = last->id();  // its state comes last in the catch-up
-    const auto start = Clock::now();
-    world.addBackend("client", named(servers).c_str());
-    // Until the last part of the catch-up, the playing emitter's state, has been applied.
-    const auto end = start + std::chrono::seconds(30);
-    while (Clock::now() < end) {
-        world.update();
-        if (s.watcher->played.load() != Clock::time_point{})
-            break;
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
+    const std::string params = named(servers);
+    Clock::time_point start{};
+    std::thread client([&] {
+        Kelo::World world;
+        for (int i = 1; i <= sources; ++i)
+            world.createSource(i)->setParam(true, 1.0f);
+        Kelo::Emitter* last = nullptr;
+        for (int i = 0; i < emitters; ++i) {
+            last = world.createEmitter({"label"});
+            const osg::Vec3f p(static_cast<float>(i), 1, 2);
+            last->setTransform(&p, nullptr);
+            last->setSource(world.getSource(1 + i % sources));
+        }
+        last->setState(Kelo::WorldPart::PLAY);
+        s.watcher->watch = last->id();  // its state comes last in the catch-up
+        start = Clock::now();
+        world.addBackend("client", params.c_str());
+        // Until the last part of the catch-up, the playing emitter's state, has been applied.
+        const auto end = start + std::chrono::seconds(30);
+        while (Clock::now() < end && s.watcher->played.load() == Clock::time_point{}) {
+            world.update();
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        world.clearWorld();
+        world.deleteAllBackends();
+        s.stop = true;
+    });
+    s.run();
+    client.join();
     const auto done = s.watcher->played.load();
     std::printf(
         "catch-up of %d emitters and %d sources: %.1f ms until the server's world "
         "matched (%zu emitters there)\n",
-        emitters, sources, seconds(start, done) * 1e3, s.server.emitters().size());
-    world.clearWorld();
-    world.deleteAllBackends();
+        emitters, sources, seconds(start, done) * 1e3, s.watcher->emittersThen.load());
 }
 
 struct Option {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -19,6 +20,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -180,8 +182,41 @@ double percentile(const std::vector<double>& sorted, int p) {
     return sorted[sorted.size() * static_cast<size_t>(p) / 100];
 }
 
-void pingPong(int rounds, double gapMs) {
+// A second thread asleep in epoll_wait() on the echoing socket, as an event loop that also
+// watches it would be: every ping then wakes two threads, not one.
+class SecondWaiter {
+public:
+    explicit SecondWaiter(int fd) : _epoll(::epoll_create1(EPOLL_CLOEXEC)) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.fd = fd;
+        if (_epoll < 0 || ::epoll_ctl(_epoll, EPOLL_CTL_ADD, fd, &event) != 0)
+            fail("epoll for the second waiter");
+        _thread = std::thread([this] {
+            epoll_event events[4];
+            while (!_stop.load())
+                ::epoll_wait(_epoll, events, 4, 50);
+        });
+    }
+    SecondWaiter(const SecondWaiter&) = delete;
+    SecondWaiter& operator=(const SecondWaiter&) = delete;
+    ~SecondWaiter() {
+        _stop = true;
+        _thread.join();
+        ::close(_epoll);
+    }
+
+private:
+    int _epoll;
+    std::atomic<bool> _stop{false};
+    std::thread _thread;
+};
+
+void pingPong(int rounds, double gapMs, bool secondWaiter) {
     auto [client, server] = connectedPair();
+    std::optional<SecondWaiter> waiter;
+    if (secondWaiter)
+        waiter.emplace(server.fd());
     noDelay(client);
     noDelay(server);
     // Blocking calls, as a plain program would make; the time-out only ends a stuck run.
@@ -222,9 +257,10 @@ void pingPong(int rounds, double gapMs) {
                       std::to_string(rounds) + " rounds came back");
     std::sort(micros.begin(), micros.end());
     std::printf(
-        "ping-pong, 16 bytes, TCP_NODELAY, %d rounds %.1f ms apart: half the round trip "
+        "ping-pong, 16 bytes, TCP_NODELAY, %d rounds %.1f ms apart%s: half the round trip "
         "p50 %.1f us, p99 %.1f us, max %.1f us\n",
-        rounds, gapMs, percentile(micros, 50), percentile(micros, 99), micros.back());
+        rounds, gapMs, secondWaiter ? ", a second thread in epoll_wait on the echoing socket" : "",
+        percentile(micros, 50), percentile(micros, 99), micros.back());
 }
 
 void stream(double seconds, int batch) {
@@ -315,6 +351,10 @@ int main(int argc, char** argv) {
         ->type_name("MS")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str();
+    bool secondWaiter = false;
+    app.add_flag("--second-waiter", secondWaiter,
+                 "Time the ping-pong again with a second thread asleep in epoll_wait on the "
+                 "echoing socket");
     app.add_option("--seconds", seconds, "How long the stream of frames lasts")
         ->check(CLI::Range(0.1, 60.0))
         ->capture_default_str();
@@ -328,7 +368,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        pingPong(rounds, gap);
+        pingPong(rounds, gap, false);
+        if (secondWaiter)
+            pingPong(rounds, gap, true);
         stream(seconds, batch);
     } catch (const Failure& e) {
         std::fprintf(stderr, "tcp_floor: %s\n", e.what());
