@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +108,18 @@ struct ScratchFiles {
 ScratchFiles scratchFiles;
 
 }  // namespace
+
+std::pair<int, std::string> runProgram(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe)
+        return {-1, ""};
+    char buffer[512];
+    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe))
+        output.append(buffer, n);
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
 
 std::string scratch(const std::string& name) {
     std::string path = ::testing::TempDir() + "kelo-" + std::to_string(getpid()) + "-" + name;

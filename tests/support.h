@@ -131,6 +131,10 @@ std::vector<unsigned char> tone(double hz, double seconds, int rate = 44100,
 
 std::string readFile(const std::string& path);
 
+// Runs a shell command; its exit code (-1 when it did not exit) and what it wrote on both
+// streams.
+std::pair<int, std::string> runProgram(const std::string& command);
+
 // A file name in the temporary directory unique to this process; removed when the process ends.
 std::string scratch(const std::string& name);
 

@@ -3,8 +3,6 @@
 // back differ, what rate the file has, and what bad parameters leave behind.
 #include <sndfile.h>
 
-#include <sys/wait.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -279,13 +277,8 @@ namespace {
 // Runs kelo-server with args; its standard output and error, and its exit status.
 std::pair<std::string, int> server(const std::string& args) {
     waveFile();  // the server renders where the tests do
-    FILE* pipe = popen((std::string(KELO_SERVER_PROGRAM) + " " + args + " 2>&1").c_str(), "r");
-    std::string out;
-    char chunk[512];
-    for (size_t n; pipe && (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        out.append(chunk, n);
-    const int status = pipe ? pclose(pipe) : -1;
-    return {out, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+    auto [status, out] = KeloTest::runProgram(std::string(KELO_SERVER_PROGRAM) + " " + args);
+    return {std::move(out), status};
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The client side under careless and hostile use: a backend destroyed while a server is still
 // waiting for its catch-up, labels that would make a server hold too much, parameters and
 // program options that are out of range. Every socket is on 127.0.0.1.
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -317,19 +316,6 @@ TEST(ClientParameters, NamedServersAreCapped) {
                          "servers (at most 64 servers; these are left out)\n"));
 }
 
-// Runs a program; its exit code and what it wrote on both streams.
-[[maybe_unused]] std::pair<int, std::string> run(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe)
-        return {-1, ""};
-    char buffer[512];
-    while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe))
-        output.append(buffer, n);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 TEST(ProgramOptions, KeloDemoRefusesBadOptionsBeforeStarting) {
 #ifndef KELO_DEMO
     GTEST_SKIP() << "the programs are not built";
@@ -347,12 +333,12 @@ TEST(ProgramOptions, KeloDemoRefusesBadOptionsBeforeStarting) {
         {"extra", "extra"},
     };
     for (const auto& [args, named] : cases) {
-        const auto [code, output] = run(demo + " " + args);
+        const auto [code, output] = KeloTest::runProgram(demo + " " + args);
         EXPECT_EQ(code, 2) << args << ": " << output;
         EXPECT_THAT(output, HasSubstr(named)) << args;
         EXPECT_THAT(output, ::testing::Not(HasSubstr("circle the listener every"))) << args;
     }
-    EXPECT_EQ(run(demo + " --help").first, 0);
+    EXPECT_EQ(KeloTest::runProgram(demo + " --help").first, 0);
 #endif
 }
 
@@ -363,13 +349,13 @@ TEST(ProgramOptions, LoadRemoteRefusesOptionsItDoesNotKnow) {
     const std::string load = KELO_LOAD_REMOTE;
     for (const char* args : {"--bogus", "5", "--events", "--events 0", "--events 1e99",
                              "--events 99999999999999999999"}) {
-        const auto [code, output] = run(load + " " + args);
+        const auto [code, output] = KeloTest::runProgram(load + " " + args);
         EXPECT_EQ(code, 2) << args << ": " << output;
         EXPECT_THAT(output, HasSubstr(std::string(args).substr(0, std::string(args).find(' '))))
             << args;
         EXPECT_THAT(output, ::testing::Not(HasSubstr("throughput"))) << args;
     }
-    const auto [code, output] = run(load + " --help");
+    const auto [code, output] = KeloTest::runProgram(load + " --help");
     EXPECT_EQ(code, 0);
     EXPECT_THAT(output, HasSubstr("--events"));
 #endif

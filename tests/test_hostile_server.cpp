@@ -1,7 +1,6 @@
 // The sound server under peers that misbehave or overdo it: events for emitters it lacks, a
 // full-rate flood that must not stop its frames, a second application replacing the first
 // one's scene, the exclusive mode, and kelo-server's bad options. All on loopback, bounded.
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -235,16 +234,9 @@ TEST(HostileServer, AnExclusiveServerRefusesASecondClient) {
 #ifdef KELO_SERVER_PROGRAM
 // kelo-server's exit code and output (both streams); one that starts is stopped after 2 s.
 std::pair<int, std::string> run(const std::string& args) {
-    const std::string command = "timeout --preserve-status 2 " KELO_SERVER_PROGRAM
+    return KeloTest::runProgram("timeout --preserve-status 2 " KELO_SERVER_PROGRAM
                                 " --host 127.0.0.1 --no-multicast " +
-                                args + " 2>&1";
-    FILE* out = popen(command.c_str(), "r");
-    std::string text;
-    char line[4096];
-    while (out && std::fgets(line, sizeof line, out))
-        text += line;
-    const int status = out ? pclose(out) : -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+                                args);
 }
 
 TEST(HostileServer, KeloServerRefusesBadOptionsBeforeStarting) {

@@ -1,7 +1,6 @@
 // /metrics: the exposition text read back by a strict parser of the Prometheus text format
 // 0.0.4, and numbers that move with what was done: a scene changing, frames, a client world
 // sending to a server, frames the server refuses, and kelo-server --web. All on loopback.
-#include <sys/wait.h>
 
 #include <chrono>
 #include <cmath>
@@ -503,16 +502,9 @@ namespace {
 
 // kelo-server's exit code and output (both streams); one that starts is stopped after 3 s.
 std::pair<int, std::string> run(const std::string& args) {
-    const std::string command = "timeout --preserve-status 3 " KELO_SERVER_PROGRAM
+    return KeloTest::runProgram("timeout --preserve-status 3 " KELO_SERVER_PROGRAM
                                 " --host 127.0.0.1 --no-multicast -b silent " +
-                                args + " 2>&1";
-    FILE* out = popen(command.c_str(), "r");
-    std::string text;
-    char line[4096];
-    while (out && std::fgets(line, sizeof line, out))
-        text += line;
-    const int status = out ? pclose(out) : -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+                                args);
 }
 
 }  // namespace

@@ -21,10 +21,12 @@
 #include <Kelo/World.h>
 #include <Lirra/MultiServer.h>
 
+#include "SoundServer.h"
 #include "support.h"
 
 using Kelo::WorldPart;
 using KeloTest::LogCapture;
+using KeloTest::SoundServer;
 using KeloTest::until;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -32,25 +34,6 @@ using ::testing::ElementsAreArray;
 using namespace std::chrono_literals;
 
 namespace {
-
-// A server whose own sounds are sources 1 and 2, put back after every reset as a sound server
-// program does.
-struct SoundServer : Kelo::Server {
-    explicit SoundServer(unsigned short port = 0) : Kelo::Server(port, "127.0.0.1") {
-        setMulticastEnabled(false);
-        own();
-    }
-    ~SoundServer() override { clearWorld(); }
-    void resetWorld() override {
-        Kelo::Server::resetWorld();
-        own();
-    }
-    void own() {
-        for (int id : {1, 2})
-            if (!getSource(id))
-                createSource(id);
-    }
-};
 
 std::string named(std::initializer_list<const Kelo::Server*> servers) {
     std::string list;

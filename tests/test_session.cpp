@@ -29,34 +29,17 @@
 #include <Kelo/Source.h>
 #include <Kelo/TransformEvent.h>
 
+#include "SoundServer.h"
 #include "support.h"
 
 using Kelo::WorldPart;
 using KeloTest::scratch;
+using KeloTest::SoundServer;
 using KeloTest::until;
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
 namespace {
-
-// A sound server whose own sounds are sources 1 and 2, put back after every reset.
-struct SoundServer : Kelo::Server {
-    SoundServer() : Kelo::Server(0, "127.0.0.1") {
-        setMulticastEnabled(false);
-        own();
-    }
-    ~SoundServer() override { clearWorld(); }
-    void resetWorld() override {
-        Kelo::Server::resetWorld();
-        own();
-    }
-    void own() {
-        for (int id : {1, 2})
-            if (!getSource(id))
-                createSource(id);
-    }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }
-};
 
 // The first difference between two worlds, or nothing.
 std::string difference(const Kelo::World& a, const Kelo::World& b) {
