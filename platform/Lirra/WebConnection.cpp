@@ -26,6 +26,8 @@ SocketAddress remoteOf(const tcp::socket& socket) {
 constexpr std::size_t firstRead = 2048;
 // A buffer grown beyond this by a large request is given back before the next one.
 constexpr std::size_t keptCapacity = 16 * 1024;
+// How long a refused or finished client may go on sending before the connection is closed.
+constexpr std::chrono::milliseconds lingerLimit{2000};
 
 }  // namespace
 
@@ -199,10 +201,19 @@ void WebConnection::onWrite(beast::error_code error) {
         return;
     if (!_response.keep_alive()) {
         _stream.socket().shutdown(tcp::socket::shutdown_send, error);
-        return;
+        _stream.expires_after(std::min(_server.timeout(), lingerLimit));
+        return linger();
     }
     _response = {};
     readRequest();
+}
+
+void WebConnection::linger() {
+    _stream.async_read_some(boost::asio::buffer(_discard),
+                            [self = shared_from_this()](beast::error_code error, std::size_t) {
+                                if (!error && !self->_stopped)
+                                    self->linger();
+                            });
 }
 
 }  // namespace Lirra

@@ -65,6 +65,10 @@ private:
     void refuse(int status);
     void writeReply();
     void onWrite(boost::beast::error_code error);
+    // After the last reply: reads and drops what the client still sends, until it closes or
+    // the deadline passes. Closing with unread bytes would reset the connection, and the
+    // reset can destroy the reply before the client has read it.
+    void linger();
 
     PolledWebServer& _server;
     boost::beast::tcp_stream _stream;
@@ -74,6 +78,7 @@ private:
     Phase _phase = Phase::Reading;
     Clock::time_point _since;
     bool _stopped = false;
+    char _discard[1024];
 };
 
 }  // namespace Lirra
