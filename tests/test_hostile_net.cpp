@@ -293,6 +293,99 @@ TEST(HostileNet, ABurstArrivesWholeAndInOrderAmongKeepAlives) {
     EXPECT_EQ(server.size(), 1u);
 }
 
+size_t openDescriptors() {
+    size_t count = 0;
+    for (int fd = 0; fd < 4096; ++fd)
+        count += ::fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+// While the reader waits in poll(), the network thread lets go of the sockets polled. Lone
+// frames and a stream are still read whole and in order, a write larger than the socket takes
+// goes out, a reader that stops waiting leaves the socket to the network thread again, and the
+// peer's close is seen with its descriptor closed once.
+TEST(HostileNet, SocketsLentToTheWaitingReaderWorkAsBefore) {
+    Server server;
+    const size_t descriptors = openDescriptors();
+    RawPeer peer(server.listeningPort());
+    ASSERT_TRUE(peer.send(kPreamble));
+    ASSERT_TRUE(until([&] { return server.size() == 1; }, [&] { pump(server); }));
+    const auto frame = [](uint32_t number) {
+        Numbered event;
+        event.number = number;
+        std::vector<uint8_t> out;
+        event.encode(out);
+        return std::string(out.begin(), out.end());
+    };
+    constexpr uint32_t kLone = 20, kCount = 50000;
+    std::atomic<bool> sent{true};
+    std::thread sender([&] {
+        for (uint32_t i = 1; i <= kLone; ++i) {
+            std::this_thread::sleep_for(5ms);  // the reader is back in poll() by then
+            sent = sent && peer.send(frame(i));
+        }
+        std::string stream;
+        for (uint32_t i = kLone + 1; i <= kCount; ++i)
+            stream += frame(i);
+        std::this_thread::sleep_for(5ms);
+        sent = sent && peer.send(stream);
+    });
+    uint32_t expected = 1;
+    bool inOrder = true;
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (expected <= kCount && inOrder && std::chrono::steady_clock::now() < end) {
+        if (!server.waitForInput(0.05))
+            continue;
+        Lirra::Communicator* c = nullptr;
+        Lirra::Event* event = nullptr;
+        inOrder = server.receiveCommunicator(c) && Lirra::Event::receive(c, event);
+        auto* numbered = dynamic_cast<Numbered*>(event);
+        inOrder = inOrder && numbered && numbered->number == expected++;
+        delete event;
+    }
+    sender.join();
+    EXPECT_TRUE(sent);
+    EXPECT_TRUE(inOrder) << "at " << expected - 1;
+    EXPECT_EQ(expected, kCount + 1);
+
+    // 8 MiB written while the reader polls: more than the socket takes at once.
+    const std::string large = blobFrame(8u << 20);
+    std::thread writer([&] {
+        std::this_thread::sleep_for(10ms);
+        server.write(reinterpret_cast<const uint8_t*>(large.data()), large.size());
+    });
+    EXPECT_FALSE(server.waitForInput(0.05));
+    writer.join();
+    EXPECT_TRUE(until([&] {
+        peer.readFor(10ms);
+        return peer.received().size() >= kPreamble.size() + large.size();
+    }));
+    EXPECT_EQ(peer.received().substr(kPreamble.size()), large);
+
+    // A reader that waited and then stops leaves the socket to the network thread again:
+    // the keep-alives are still read and count against the idle limit.
+    server.setIdleLimit(0.5);
+    EXPECT_EQ(pump(server), 0);
+    EXPECT_FALSE(server.waitForInput(0.02));
+    for (int i = 0; i < 15; ++i) {
+        ASSERT_TRUE(peer.send(kKeepAlive));
+        std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_FALSE(peer.endsWithin(10ms)) << peer.goodbye();
+    EXPECT_EQ(pump(server), 0);
+    EXPECT_EQ(server.size(), 1u);
+
+    // The peer goes while the reader waits.
+    EXPECT_FALSE(server.waitForInput(0.01));
+    peer.close();
+    EXPECT_TRUE(until([&] { return server.size() == 0; },
+                      [&] {
+                          server.waitForInput(0.01);
+                          pump(server);
+                      }));
+    EXPECT_TRUE(until([&] { return openDescriptors() == descriptors; }));
+}
+
 // What a server sends to all its clients is copied once and shared; what it sends to one goes
 // between, in the order written, on that connection alone. Across several chunks, with a
 // frame larger than a chunk among them.

@@ -196,6 +196,16 @@ std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
     return frame;
 }
 
+namespace {
+
+asio::ip::tcp protocolOf(const asio::ip::tcp::socket& socket) {
+    boost::system::error_code ec;
+    const auto local = socket.local_endpoint(ec);
+    return ec ? asio::ip::tcp::v4() : local.protocol();
+}
+
+}  // namespace
+
 Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, size_t sendLimit)
     : _socket(std::move(socket)),
       _deadline(_socket.get_executor()),
@@ -203,6 +213,7 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, s
       _hub(std::move(hub)),
       _peer(describe(_socket)),
       _readChunk(kReadChunk),
+      _protocol(protocolOf(_socket)),
       _own(_hub->chunks),
       _sendLimit(sendLimit),
       _fd(_socket.native_handle()) {
@@ -212,6 +223,8 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, s
 
 Connection::~Connection() {
     release(_complete + _pendingReserve);
+    if (_detached)
+        ::close(_fd);
 }
 
 void Connection::release(size_t bytes) {
@@ -273,12 +286,17 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
 void Connection::read() {
     if (_readOutstanding || _shut)
         return;
+    if (!attach())
+        return fail(nullptr);
     _readOutstanding = true;
+    const uint64_t seq = ++_readSeq;
     // A peek tells that bytes are there without taking them: the reading itself is done by
     // pull(), under the hub's lock, by this thread or the reader. (Asio tries the peek at
     // once, and waits without re-arming the descriptor when there is nothing yet.)
     _socket.async_receive(asio::buffer(&_peeked, 1), asio::socket_base::message_peek,
-                          [self = shared_from_this()](boost::system::error_code ec, size_t) {
+                          [self = shared_from_this(), seq](boost::system::error_code ec, size_t) {
+                              if (seq != self->_readSeq)
+                                  return;  // ended by detach(); the reader watches the socket
                               self->_readOutstanding = false;
                               if (ec)
                                   return self->fail(nullptr);
@@ -351,6 +369,59 @@ void Connection::pullForReader() {
     }
     if (_peerClosed || _fault.peerLeft || !_fault.why.empty())
         asio::post(_socket.get_executor(), [self = shared_from_this()] { self->settle(); });
+}
+
+void Connection::lend() {
+    if (_lent)
+        return;
+    _lent = true;
+    asio::post(_socket.get_executor(), [self = shared_from_this()] { self->detach(); });
+}
+
+void Connection::takeBack() {
+    if (!_lent)
+        return;
+    _lent = false;
+    // Reads what came meanwhile, then watches the socket again.
+    asio::post(_socket.get_executor(), [self = shared_from_this()] { self->drain(); });
+}
+
+void Connection::detach() {
+    if (_shut || _lingering || !_handshakeDone || _detached)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(_hub->mutex);
+        if (!_lent || !pollable())
+            return;  // taken back meanwhile, or the reader no longer reads it
+    }
+    {
+        // A write under way would be ended with the socket's release; the next flush()
+        // attaches it again anyway.
+        std::lock_guard<SpinningMutex> lock(_txMutex);
+        if (_writing)
+            return;
+    }
+    boost::system::error_code ec;
+    _socket.release(ec);
+    if (ec)
+        return;
+    _detached = true;
+    ++_readSeq;  // the peek under way ends as aborted: not a failure
+    _readOutstanding = false;
+}
+
+bool Connection::attach() {
+    if (!_detached)
+        return true;
+    _detached = false;
+    boost::system::error_code ec;
+    _socket.assign(_protocol, _fd, ec);
+    if (!ec)
+        return true;
+    LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Cannot watch the connection to %s again: %s\n",
+                      _peer.c_str(), ec.message().c_str());
+    ::close(_fd);
+    return false;
 }
 
 bool Connection::settle() {
@@ -528,6 +599,13 @@ void Connection::watch() {
 }
 
 bool Connection::check() {
+    // A socket lent to a reader that no longer waits is watched here again, so that what
+    // arrives is read and counted for the limits below.
+    if (_detached && !_hub->polling.load(std::memory_order_relaxed)) {
+        drain();
+        if (_shut)
+            return false;
+    }
     const auto now = Clock::now();
     uint64_t writes = 0;
     {
@@ -652,6 +730,11 @@ void Connection::publishShared() {
 }
 
 void Connection::flush() {
+    if (_detached) {
+        drain();  // back in the event loop, reading again
+        if (_shut)
+            return;
+    }
     // What the set's writer gathered while every connection was busy goes into the queues.
     publishShared();
     bool finished = false;
@@ -788,6 +871,7 @@ void Connection::shutdown() {
     boost::system::error_code ignored;
     _deadline.cancel();
     _watch.cancel();
+    attach();  // closed below with the socket (or already, when it cannot be)
     _socket.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
     _socket.close(ignored);
     if (_ended) {

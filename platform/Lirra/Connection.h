@@ -97,6 +97,9 @@ struct Hub {
     // could not be made: the reader then waits on the condition variable.
     const int wakeFd;
     std::atomic<bool> polling{false};  // the reader is in poll()
+    // While the reader polls, the network thread lets go of the sockets it polls (a server's
+    // set): an arrival then wakes the reader alone, not the network thread's epoll_wait() too.
+    std::atomic<bool> lendSockets{false};
     const std::shared_ptr<ChunkPool> chunks = std::make_shared<ChunkPool>();
 
     // Frames written to every connection of the set and not yet in their queues: while all of
@@ -205,6 +208,10 @@ public:
     // The reader's read of the socket, once poll() has found it readable; what it finds
     // wrong goes to the network thread. Hub lock held.
     void pullForReader();
+    // Lets the reader alone watch the socket: the network thread stops watching it, until
+    // takeBack(). Both hub lock held; the work is done on the network thread.
+    void lend();
+    void takeBack();
     int fd() const { return _fd; }
     const std::string& peer() const { return _peer; }
     Hub& hub() const { return *_hub; }
@@ -243,6 +250,10 @@ private:
     void fail(const char* why);
     void shutdown();
     void release(size_t bytes);
+    // The socket out of and back into the event loop, for lend() and takeBack() (network
+    // thread). attach() is false, with the descriptor closed, when it cannot be taken back.
+    void detach();
+    bool attach();
 
     boost::asio::ip::tcp::socket _socket;
     boost::asio::steady_timer _deadline;  // the handshake, then the goodbye's linger
@@ -258,6 +269,7 @@ private:
     size_t _complete = 0;
     bool _lost = false;
     bool _readPaused = false;
+    bool _lent = false;  // lend() was asked and takeBack() not yet
     // Bytes counted in the hub for this connection and not yet handed to the reader are
     // the whole frames in _rx and the announced length of the one under way.
     size_t _pendingReserve = 0;
@@ -283,6 +295,9 @@ private:
     bool _handshakeDone = false;
     bool _lingering = false;
     bool _readOutstanding = false;
+    bool _detached = false;  // the event loop does not hold the socket: see lend()
+    uint64_t _readSeq = 0;   // the read started last; a read that detach() ended is older
+    boost::asio::ip::tcp _protocol;
     uint8_t _peeked = 0;
     uint64_t _writesSeen = 0;
     std::chrono::steady_clock::time_point _lastSent{};

@@ -146,6 +146,7 @@ void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
     // for it. After that it polls the sockets itself, so that a lone event wakes it directly.
     const auto now = Clock::now();
     if (_hub->wakeFd < 0 || now - _lastInput < kStreamPause) {
+        takeBack();
         if (_hub->wakeFd < 0 && !deadline)
             return _hub->ready.wait(lock);
         auto until = _hub->wakeFd < 0 ? *deadline : _lastInput + kStreamPause;
@@ -157,11 +158,15 @@ void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
     _pollFds.clear();
     _polled.clear();
     _pollFds.push_back({_hub->wakeFd, POLLIN, 0});
+    const bool lend = _hub->lendSockets.load(std::memory_order_relaxed);
     for (Communicator* c : _members)
         if (c->_connection->pollable()) {
             _pollFds.push_back({c->_connection->fd(), POLLIN, 0});
             _polled.push_back(c->_connection);
+            if (lend)
+                c->_connection->lend();
         }
+    _lent = _lent || (lend && !_polled.empty());
     _hub->polling.store(true, std::memory_order_relaxed);
     lock.unlock();
     timespec timeout{};
@@ -184,6 +189,14 @@ void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
         if (_pollFds[i].revents)
             _polled[i - 1]->pullForReader();
     _polled.clear();
+}
+
+void MultiCommunicator::takeBack() {
+    if (!_lent)
+        return;
+    _lent = false;
+    for (Communicator* c : _members)
+        c->_connection->takeBack();
 }
 
 bool MultiCommunicator::anyInput() const {
@@ -212,6 +225,10 @@ bool MultiCommunicator::communicatorsAvail(int& count) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
     count = static_cast<int>(
         std::count_if(_members.begin(), _members.end(), [this](auto* c) { return hasInput(c); }));
+    // Nothing left to apply: the network thread reads ahead again, for whatever comes next
+    // while this thread is not waiting in poll().
+    if (count == 0)
+        takeBack();
     return true;
 }
 

@@ -124,6 +124,8 @@ private:
     // arrival wakes this thread directly, not through the network thread.
     void waitForSockets(std::unique_lock<std::mutex>& lock,
                         const std::chrono::steady_clock::time_point* deadline);
+    // The network thread watches the sockets lent for a poll again (hub lock held).
+    void takeBack();
 
     std::shared_ptr<detail::Hub> _hub;
     // Where write() copies a frame once for every connection of the set (hub lock).
@@ -141,6 +143,7 @@ private:
     // waitForSockets()'s lists, kept to spare an allocation per wait.
     std::vector<pollfd> _pollFds;
     std::vector<std::shared_ptr<detail::Connection>> _polled;
+    bool _lent = false;  // some sockets may be lent to this thread's poll()
 };
 
 }  // namespace Lirra

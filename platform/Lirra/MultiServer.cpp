@@ -150,6 +150,7 @@ MultiServer::MultiServer(int)
     : _thread(std::make_unique<detail::NetworkThread>()),
       _impl(std::make_unique<Impl>(*this, _thread->io())) {
     setIdleLimit(kDefaultIdleLimit);
+    hub()->lendSockets = true;
 }
 
 MultiServer::~MultiServer() {
