@@ -362,11 +362,13 @@ TEST(HostileNet, SocketsLentToTheWaitingReaderWorkAsBefore) {
     }));
     EXPECT_EQ(peer.received().substr(kPreamble.size()), large);
 
-    // A reader that waited and then stops leaves the socket to the network thread again:
-    // the keep-alives are still read and count against the idle limit.
+    // A reader that stops waiting leaves the socket lent: the network thread takes it back,
+    // and the keep-alives are still read and count against the idle limit.
     server.setIdleLimit(0.5);
-    EXPECT_EQ(pump(server), 0);
-    EXPECT_FALSE(server.waitForInput(0.02));
+    ASSERT_TRUE(peer.send(frame(kCount + 1)));
+    ASSERT_TRUE(server.waitForInput(1));
+    EXPECT_EQ(pump(server), 1);               // applied: the socket goes back to the network thread
+    EXPECT_FALSE(server.waitForInput(0.02));  // and is lent again
     for (int i = 0; i < 15; ++i) {
         ASSERT_TRUE(peer.send(kKeepAlive));
         std::this_thread::sleep_for(100ms);

@@ -98,6 +98,7 @@ void MultiCommunicator::removeCommunicator(Communicator* communicator) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
     _hub->publish();
     _members.erase(std::remove(_members.begin(), _members.end(), communicator), _members.end());
+    communicator->_connection->takeBack();  // read by its own reader, if any, from now on
     auto& senders = _hub->senders;
     senders.erase(std::remove(senders.begin(), senders.end(), communicator->_connection.get()),
                   senders.end());
@@ -183,15 +184,18 @@ void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
     _hub->polling.store(false, std::memory_order_relaxed);
     if (_pollFds[0].revents)
         _hub->clearWake();
-    // The network thread is woken by the same arrival; whichever of the two takes the lock
-    // first reads.
+    // The network thread is woken by the same arrival (unless the socket is lent); whichever
+    // of the two takes the lock first reads.
     for (size_t i = 1; i < _pollFds.size(); ++i)
-        if (_pollFds[i].revents)
+        if (_pollFds[i].revents) {
             _polled[i - 1]->pullForReader();
+            _arrived = true;
+        }
     _polled.clear();
 }
 
 void MultiCommunicator::takeBack() {
+    _arrived = false;
     if (!_lent)
         return;
     _lent = false;
@@ -225,9 +229,10 @@ bool MultiCommunicator::communicatorsAvail(int& count) {
     std::lock_guard<std::mutex> lock(_hub->mutex);
     count = static_cast<int>(
         std::count_if(_members.begin(), _members.end(), [this](auto* c) { return hasInput(c); }));
-    // Nothing left to apply: the network thread reads ahead again, for whatever comes next
-    // while this thread is not waiting in poll().
-    if (count == 0)
+    // What arrived while this thread polled is applied: the network thread reads ahead again,
+    // for whatever follows while this thread is not waiting. (A server that only timed out
+    // keeps its sockets lent from one wait to the next.)
+    if (count == 0 && _arrived)
         takeBack();
     return true;
 }

@@ -143,7 +143,8 @@ private:
     // waitForSockets()'s lists, kept to spare an allocation per wait.
     std::vector<pollfd> _pollFds;
     std::vector<std::shared_ptr<detail::Connection>> _polled;
-    bool _lent = false;  // some sockets may be lent to this thread's poll()
+    bool _lent = false;     // some sockets may be lent to this thread's poll()
+    bool _arrived = false;  // a lent socket had input since the last takeBack()
 };
 
 }  // namespace Lirra
