@@ -13,7 +13,9 @@ constexpr float kTolerance = 1e-6f;
 
 Emitter::Emitter(World& world, int id, const std::vector<std::string>& labels)
     : WorldPart(world, id), _labels(labels) {
+    world._emitterIndex.makeRoom(id);
     enter(world._emitters, id, this);
+    world._emitterIndex.put(id, this);
     // What follows a creation (transform, hull, source, state) is about the new emitter.
     world._lastEmitter.store(this, std::memory_order_relaxed);
 }
@@ -22,6 +24,7 @@ Emitter::~Emitter() {
     setSource(nullptr);
     world().destroyEmitter(*this);
     world()._emitters.erase(id());
+    world()._emitterIndex.remove(id());
     Emitter* self = this;
     world()._lastEmitter.compare_exchange_strong(self, nullptr);
 }

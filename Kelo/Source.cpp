@@ -10,7 +10,9 @@
 namespace Kelo {
 
 Source::Source(World& world, int id) : WorldPart(world, id) {
+    world._sourceIndex.makeRoom(id);
     enter(world._sources, id, this);
+    world._sourceIndex.put(id, this);
 }
 
 Source::~Source() {
@@ -18,6 +20,7 @@ Source::~Source() {
     while (!_emitters.empty())
         _emitters.begin()->second->setSource(nullptr);
     world()._sources.erase(id());
+    world()._sourceIndex.remove(id());
 }
 
 void Source::setState(State state) {

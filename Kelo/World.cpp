@@ -160,6 +160,8 @@ Emitter* World::createEmitter(const std::vector<std::string>& labels, int id) {
 }
 
 Emitter* World::getEmitter(int id) const {
+    if (Index<Emitter>::covers(id))
+        return _emitterIndex.find(id);
     Emitter* last = _lastEmitter.load(std::memory_order_relaxed);
     if (last && last->id() == id)
         return last;
@@ -187,6 +189,8 @@ Source* World::createSource(int id) {
 }
 
 Source* World::getSource(int id) const {
+    if (Index<Source>::covers(id))
+        return _sourceIndex.find(id);
     if (!mayHold(_sources, id))
         return nullptr;
     auto it = _sources.find(id);

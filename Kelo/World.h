@@ -1,7 +1,10 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -92,6 +95,47 @@ private:
     // Takes the next id or checks an explicit one; 0 means "do not create".
     int claimId(int id);
 
+    // Parts by id, for the ids from 1 to kIndexed - 1: the counter hands them out from 1 up,
+    // and they travel the wire unchanged. A look-up there is two loads, where the map costs a
+    // dozen cache misses in a large world; the maps stay the record that emitters() and
+    // sources() show. Pages of 8 KiB come as ids need them and stay: they are never copied,
+    // and none is large enough to be given back to the system at once.
+    template <class Part>
+    class Index {
+    public:
+        static constexpr int kIndexed = 32768;
+        static bool covers(int id) { return id > 0 && id < kIndexed; }
+        Part* find(int id) const {
+            if (!covers(id))
+                return nullptr;
+            const auto& page = _pages[static_cast<size_t>(id) >> kPageBits];
+            return page ? page[static_cast<size_t>(id) & kPageMask] : nullptr;
+        }
+        // May throw; put() then cannot.
+        void makeRoom(int id) {
+            if (!covers(id))
+                return;
+            auto& page = _pages[static_cast<size_t>(id) >> kPageBits];
+            if (!page)
+                page = std::make_unique<Part*[]>(kPageSize);
+        }
+        void put(int id, Part* part) noexcept {
+            if (covers(id))
+                _pages[static_cast<size_t>(id) >> kPageBits][static_cast<size_t>(id) & kPageMask] =
+                    part;
+        }
+        void remove(int id) noexcept {
+            if (covers(id))
+                if (auto& page = _pages[static_cast<size_t>(id) >> kPageBits])
+                    page[static_cast<size_t>(id) & kPageMask] = nullptr;
+        }
+
+    private:
+        static constexpr size_t kPageBits = 10, kPageSize = size_t{1} << kPageBits,
+                                kPageMask = kPageSize - 1;
+        std::array<std::unique_ptr<Part*[]>, kIndexed / kPageSize> _pages;
+    };
+
     int _lastId = 0;
     bool _enabled = true;
     bool _spatialize = true;
@@ -101,6 +145,8 @@ private:
     // getEmitter() is const and may be called from several threads at once.
     mutable std::atomic<Emitter*> _lastEmitter{nullptr};
     std::map<int, Source*> _sources;
+    Index<Emitter> _emitterIndex;
+    Index<Source> _sourceIndex;
     osg::Vec3f _listenerPosition;
     osg::Quaternion _listenerRotation;
     // A vector: the fan-out walks it on every change, and it changes only when backends come

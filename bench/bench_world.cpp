@@ -90,3 +90,48 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
     return 0;
 }
+
+// The world side of a catch-up, as a server applies it: 10,000 emitters over 1,000 sources,
+// each created with a label, placed, shaped, connected and the last one played. Set against
+// load_remote's catch-up figure, it shows how much of that is the world and how much the wire.
+void BM_BuildWorld(benchmark::State& state) {
+    const int emitters = static_cast<int>(state.range(0)), sources = emitters / 10;
+    for (auto _ : state) {
+        Kelo::World world;
+        world.addBackend("silent", "");
+        for (int id = 1; id <= sources; ++id)
+            world.createSource(id)->setParam(true, 1.0f);
+        for (int i = 0; i < emitters; ++i) {
+            Kelo::Emitter* e = world.createEmitter({"label"}, sources + 1 + i);
+            const osg::Vec3f p(static_cast<float>(i), 1, 2);
+            e->setTransform(&p, nullptr);
+            e->setHull(1, 1, 1, 1);
+            e->setParam(true, 0, 1);
+            e->setSource(world.getSource(1 + i % sources));
+        }
+        world.getEmitter(sources + emitters)->setState(Kelo::WorldPart::PLAY);
+        state.PauseTiming();
+        world.clearWorld();
+        world.deleteAllBackends();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_BuildWorld)->Arg(10'000)->Unit(benchmark::kMillisecond);
+
+// What a server does for each transform in a large scene: find the emitter by its id, then
+// move it. The ids go round 10,000 emitters, so the one found last is never the one asked for.
+void BM_MoveByIdInLargeWorld(benchmark::State& state) {
+    Scene scene(1);
+    const int count = static_cast<int>(state.range(0));
+    const int first = scene.emitter->id() + 1;
+    for (int i = 0; i < count; ++i)
+        scene.world.createEmitter();
+    int id = first;
+    float x = 0;
+    for (auto _ : state) {
+        const osg::Vec3f p(x += 1, 0, 0);
+        scene.world.getEmitter(id)->setTransform(&p, nullptr);
+        id = id + 7 < first + count ? id + 7 : first + (id + 7 - first) % count;
+    }
+}
+BENCHMARK(BM_MoveByIdInLargeWorld)->Arg(10'000);

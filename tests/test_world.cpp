@@ -1,6 +1,7 @@
 // The world: ids, listener tolerance, switches, fan-out order, replay, clear and reset.
 #include <climits>
 #include <cmath>
+#include <map>
 
 #include "support.h"
 
@@ -35,6 +36,35 @@ TEST(WorldIds, OneCounterForBothKindsClashesPerKindAndWrapThroughNegatives) {
               "createEmitter(-1)");
     EXPECT_TRUE(log.messages.empty());
     EXPECT_EQ(world.createEmitter()->id(), 1);
+}
+
+// Look-ups go through a table for the small positive ids and through the maps for the rest:
+// both must agree with what the world holds, across the table's page and end boundaries.
+TEST(WorldIds, LookUpsFindWhatIsHeldOnBothSidesOfTheIdTable) {
+    Scene world;
+    const int ids[] = {1, 1023, 1024, 32767, 32768, 70000, -1, INT_MIN};
+    std::map<int, std::pair<Kelo::Source*, Kelo::Emitter*>> made;
+    for (int id : ids)
+        made[id] = {world.createSource(id), world.createEmitter({}, id)};
+    for (const auto& [id, parts] : made) {
+        EXPECT_EQ(world.getSource(id), parts.first) << id;
+        EXPECT_EQ(world.getEmitter(id), parts.second) << id;
+    }
+    EXPECT_EQ(world.getSource(2), nullptr);
+    EXPECT_EQ(world.getEmitter(1025), nullptr);
+    EXPECT_EQ(world.getEmitter(32766), nullptr);
+    delete made[1024].second;
+    delete made[32767].first;
+    delete made[-1].second;
+    EXPECT_EQ(world.getEmitter(1024), nullptr);
+    EXPECT_EQ(world.getSource(1024), made[1024].first);
+    EXPECT_EQ(world.getSource(32767), nullptr);
+    EXPECT_EQ(world.getEmitter(32767), made[32767].second);
+    EXPECT_EQ(world.getEmitter(-1), nullptr);
+    world.clearWorld();
+    for (int id : ids)
+        EXPECT_TRUE(world.getSource(id) == nullptr && world.getEmitter(id) == nullptr) << id;
+    EXPECT_EQ(world.createEmitter({}, 1023)->id(), 1023);  // the id is free again
 }
 
 TEST(WorldSwitches, ListenerMovesBeyondToleranceEnabledAlwaysNotifiesSpatializeNever) {
