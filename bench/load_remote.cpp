@@ -1,6 +1,6 @@
 // Load on a client backend and its servers over loopback, bounded in count and time:
 //   - throughput: transform events from one client to one and to four servers, counted and
-//     checked for order on arrival;
+//     checked for order on arrival; to one emitter, or going round many (--moving);
 //   - latency: a play command from Emitter::setState to the server's Emitter::setState;
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
 // Everything stays on 127.0.0.1; servers do not announce themselves. --help lists the options
@@ -139,7 +139,7 @@ bool connect(Kelo::World& world, Kelo::ClientBackend* client, size_t count) {
     return client->servers() == count;
 }
 
-void throughput(int serverCount, long events) {
+void throughput(int serverCount, long events, int moving) {
     std::vector<std::unique_ptr<ServerThread>> servers;
     for (int i = 0; i < serverCount; ++i)
         servers.push_back(std::make_unique<ServerThread>());
@@ -149,7 +149,9 @@ void throughput(int serverCount, long events) {
     // should be; here it may fall behind by the whole burst.
     auto* client = static_cast<Kelo::ClientBackend*>(
         world.addBackend("client", named(servers, "sendLimit=1073741824").c_str()));
-    Kelo::Emitter* e = world.createEmitter();
+    std::vector<Kelo::Emitter*> emitters(static_cast<size_t>(moving));
+    for (auto& e : emitters)
+        e = world.createEmitter();
     if (!connect(world, client, servers.size())) {
         std::printf("throughput: servers did not connect\n");
         return;
@@ -164,9 +166,10 @@ void throughput(int serverCount, long events) {
     };
     const double cpuStart = cpuSeconds();
     const auto start = Clock::now();
-    for (long i = 1; i <= events; ++i) {
+    // Round the emitters: the server looks each one up by its id.
+    for (long i = 1, at = 0; i <= events; ++i, at = at + 1 == moving ? 0 : at + 1) {
         const osg::Vec3f p(static_cast<float>(i), 0, 0);
-        e->setTransform(&p, nullptr);
+        emitters[static_cast<size_t>(at)]->setTransform(&p, nullptr);
     }
     const auto sent = Clock::now();
     wait(events);
@@ -174,9 +177,11 @@ void throughput(int serverCount, long events) {
     const double cpu = cpuSeconds() - cpuStart;
     if (client->servers() != servers.size())
         std::printf("  A SERVER WAS DROPPED\n");
-    std::printf("throughput, %d server%s: %ld transform events sent in %.2f s (%.2f M/s sent)\n",
-                serverCount, serverCount > 1 ? "s" : "", events, seconds(start, sent),
-                events / seconds(start, sent) / 1e6);
+    std::printf(
+        "throughput, %d server%s: %ld transform events to %d emitter%s sent in %.2f s "
+        "(%.2f M/s sent)\n",
+        serverCount, serverCount > 1 ? "s" : "", events, moving, moving > 1 ? "s" : "",
+        seconds(start, sent), events / seconds(start, sent) / 1e6);
     for (size_t i = 0; i < servers.size(); ++i) {
         const Watcher& w = *servers[i]->watcher;
         std::printf("  server %zu: %ld arrived in %.2f s = %.2f M events/s, %s, %s\n", i + 1,
@@ -297,6 +302,7 @@ int main(int argc, char** argv) {
         {"--rounds", "play commands timed for the latency", 1000, 1, 100'000},
         // With a tenth as many sources, the ids stay within the 16 bits they travel in.
         {"--emitters", "emitters in the world caught up", 10'000, 1, 29'000},
+        {"--moving", "emitters the transform events go round", 1, 1, 30'000},
     };
     // Every option is checked before anything starts; a bad one exits with 2.
     for (int i = 1; i < argc; ++i) {
@@ -328,8 +334,9 @@ int main(int argc, char** argv) {
     const long events = options[0].value;
     // Only progress lines: the catch-up's source creations are refused by design, one line each.
     osg::Log::the().setLevel(osg::LOG_LOG);
-    throughput(1, events);
-    throughput(4, std::max(1L, events * 2 / 5));
+    const int moving = static_cast<int>(options[3].value);
+    throughput(1, events, moving);
+    throughput(4, std::max(1L, events * 2 / 5), moving);
     latency(static_cast<int>(options[1].value));
     const int emitters = static_cast<int>(options[2].value);
     catchUp(emitters, std::max(1, emitters / 10));
