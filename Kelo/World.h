@@ -98,8 +98,8 @@ private:
     // Parts by id, for the ids from 1 to kIndexed - 1: the counter hands them out from 1 up,
     // and they travel the wire unchanged. A look-up there is two loads, where the map costs a
     // dozen cache misses in a large world; the maps stay the record that emitters() and
-    // sources() show. Pages of 8 KiB come as ids need them and stay: they are never copied,
-    // and none is large enough to be given back to the system at once.
+    // sources() show. Pages of 8 KiB come as ids need them and stay: nothing is copied as the
+    // table grows, and glibc serves pages that small from its heap, not with mmap.
     template <class Part>
     class Index {
     public:
@@ -140,9 +140,9 @@ private:
     bool _enabled = true;
     bool _spatialize = true;
     std::map<int, Emitter*> _emitters;
-    // The emitter found last: commands come in runs about one emitter (a catch-up sends five
-    // or six in a row), and a look-up in thousands costs a dozen cache misses. Atomic, as
-    // getEmitter() is const and may be called from several threads at once.
+    // The emitter found last, for ids outside the table: commands come in runs about one
+    // emitter (a catch-up sends five or six in a row), and a map search costs cache misses.
+    // Atomic, as getEmitter() is const and may be called from several threads at once.
     mutable std::atomic<Emitter*> _lastEmitter{nullptr};
     std::map<int, Source*> _sources;
     Index<Emitter> _emitterIndex;
