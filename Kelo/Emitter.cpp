@@ -16,8 +16,6 @@ Emitter::Emitter(World& world, int id, const std::vector<std::string>& labels)
     world._emitterIndex.makeRoom(id);
     enter(world._emitters, id, this);
     world._emitterIndex.put(id, this);
-    // What follows a creation (transform, hull, source, state) is about the new emitter.
-    world._lastEmitter.store(this, std::memory_order_relaxed);
 }
 
 Emitter::~Emitter() {
@@ -25,8 +23,6 @@ Emitter::~Emitter() {
     world().destroyEmitter(*this);
     world()._emitters.erase(id());
     world()._emitterIndex.remove(id());
-    Emitter* self = this;
-    world()._lastEmitter.compare_exchange_strong(self, nullptr);
 }
 
 void Emitter::setSource(Source* source) {

@@ -162,16 +162,10 @@ Emitter* World::createEmitter(const std::vector<std::string>& labels, int id) {
 Emitter* World::getEmitter(int id) const {
     if (Index<Emitter>::covers(id))
         return _emitterIndex.find(id);
-    Emitter* last = _lastEmitter.load(std::memory_order_relaxed);
-    if (last && last->id() == id)
-        return last;
     if (!mayHold(_emitters, id))
         return nullptr;
     auto it = _emitters.find(id);
-    if (it == _emitters.end())
-        return nullptr;
-    _lastEmitter.store(it->second, std::memory_order_relaxed);
-    return it->second;
+    return it == _emitters.end() ? nullptr : it->second;
 }
 
 Source* World::createSource(int id) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -140,10 +139,6 @@ private:
     bool _enabled = true;
     bool _spatialize = true;
     std::map<int, Emitter*> _emitters;
-    // The emitter found last, for ids outside the table: commands come in runs about one
-    // emitter (a catch-up sends five or six in a row), and a map search costs cache misses.
-    // Atomic, as getEmitter() is const and may be called from several threads at once.
-    mutable std::atomic<Emitter*> _lastEmitter{nullptr};
     std::map<int, Source*> _sources;
     Index<Emitter> _emitterIndex;
     Index<Source> _sourceIndex;

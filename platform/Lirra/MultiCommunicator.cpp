@@ -336,9 +336,4 @@ uint64_t MultiCommunicator::refusals(Refusal refusal) const {
     return at < kRefusalKinds ? _hub->refused[at].load(std::memory_order_relaxed) : 0;
 }
 
-size_t MultiCommunicator::size() const {
-    std::lock_guard<std::mutex> lock(_hub->mutex);
-    return _members.size();
-}
-
 }  // namespace Lirra

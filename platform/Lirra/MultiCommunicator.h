@@ -69,9 +69,9 @@ public:
     // Waits up to the given time for input; true when some is waiting.
     bool waitForInput(double seconds);
 
-    size_t size() const;
-    // No connection in the set, without taking the lock: a sender may skip encoding.
-    bool empty() const { return _count.load(std::memory_order_relaxed) == 0; }
+    // Without taking the lock: a sender may skip encoding for an empty set.
+    size_t size() const { return _count.load(std::memory_order_relaxed); }
+    bool empty() const { return size() == 0; }
     // Bytes a connection's send queue may hold before its peer is taken for lost; for
     // connections made from now on.
     size_t sendLimit() const { return _sendLimit; }
