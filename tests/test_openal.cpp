@@ -3,119 +3,31 @@
 // from the live context, durations, and every failure path.
 #include <AL/al.h>
 #include <AL/alc.h>
-#include <sndfile.h>
-
-#include <chrono>
-#include <cmath>
-#include <cstdlib>
-#include <fstream>
-#include <thread>
-
-#include <Kelo/OALBackend.h>
 
 #include "LoopbackServer.h"
-#include "support.h"
+#include "RenderTest.h"
 
 using namespace KeloTest;
 using Kelo::WorldPart;
 
-// OpenAL Soft reads its configuration once per process, at the first ALC call: every test of
-// this process renders through the wave driver into the same file, one render at a time.
-void useConfig(const std::string& text) {
-    std::ofstream(scratch("alsoft.conf")) << text;
-    setenv("ALSOFT_CONF", scratch("alsoft.conf").c_str(), 1);
-}
-
-const std::string& waveFile() {
-    static const std::string path = scratch("out.wav");
-    useConfig(
-        "[general]\ndrivers=wave\nchannels=stereo\nsample-type=int16\nfrequency=44100\n"
-        "[wave]\nfile=" +
-        path + "\n");
-    return path;
-}
-
-// The part of a phase [from, to) of wall-clock time that is safe to measure: the mixer writes a
-// few tens of milliseconds ahead of the clock, and changes take a period to be heard.
-struct Phase {
-    Phase(double from, double to) : from(from + 0.05), to(to - 0.06) {}
-    double from, to;
-};
-
-// A rendered stereo file: interleaved frames.
-struct Wav {
-    int rate;
-    std::vector<float> frames;
-
-    // RMS level of a channel in dB relative to full scale.
-    double dB(size_t channel, Phase p) const {
-        const size_t a = static_cast<size_t>(p.from * rate), b = static_cast<size_t>(p.to * rate);
-        EXPECT_LE(2 * b, frames.size()) << "window past the end of the render";
-        double sum = 1e-20;
-        for (size_t i = 2 * a + channel; i < 2 * b && i < frames.size(); i += 2)
-            sum += frames[i] * frames[i];
-        return 10 * std::log10(sum / static_cast<double>(b - a));
-    }
-    double left(Phase p) const { return dB(0, p); }
-    double right(Phase p) const { return dB(1, p); }
-
-    // Frequency from the rising zero crossings of the left channel.
-    double frequency(Phase p) const {
-        const size_t a = static_cast<size_t>(p.from * rate), b = static_cast<size_t>(p.to * rate);
-        size_t first = 0, last = 0, count = 0;
-        for (size_t i = 2 * a + 2; i < 2 * b && i < frames.size(); i += 2)
-            if (frames[i - 2] < 0 && frames[i] >= 0) {
-                first = count++ ? first : i / 2;
-                last = i / 2;
-            }
-        return count < 2 ? 0 : (count - 1) * static_cast<double>(rate) / (last - first);
-    }
-};
-
 constexpr double kSilent = -80;  // dB: nothing audible
 constexpr double kApart = 40;    // dB: one channel against the other when panned fully
-const osg::Quaternion kQuarterTurn(0, std::sin(M_PI / 4), 0, std::cos(M_PI / 4));  // about +Y
 
-// Adds the audio backend to a world; the first call sets up the wave driver.
-Kelo::OALBackend* addOpenAL(Kelo::World& world, const char* type, const char* params = "") {
-    waveFile();
-    return static_cast<Kelo::OALBackend*>(world.addBackend(type, params));
+// Frequency from the rising zero crossings.
+double frequency(const std::vector<float>& x, int rate) {
+    size_t first = 0, last = 0, count = 0;
+    for (size_t i = 1; i < x.size(); ++i)
+        if (x[i - 1] < 0 && x[i] >= 0) {
+            first = count++ ? first : i;
+            last = i;
+        }
+    return count < 2 ? 0
+                     : static_cast<double>(count - 1) * rate / static_cast<double>(last - first);
 }
 
-// A world with the audio backend, found as "default", on a device that opened with it.
-struct OpenAL : ::testing::Test {
-    // Waits until the given time since the device opened.
-    void at(double seconds) const {
-        std::this_thread::sleep_until(start + std::chrono::duration<double>(seconds));
-    }
-    // The render is complete once the backend has closed the device.
-    Wav finish() {
-        world.clearWorld();
-        world.deleteAllBackends();
-        SF_INFO info{};
-        SNDFILE* file = sf_open(waveFile().c_str(), SFM_READ, &info);
-        EXPECT_TRUE(file && info.channels == 2) << sf_strerror(nullptr);
-        Wav wav{info.samplerate, std::vector<float>(static_cast<size_t>(2 * info.frames))};
-        if (file)
-            sf_readf_float(file, wav.frames.data(), info.frames);
-        sf_close(file);
-        return wav;
-    }
-    // A sound of PCM samples, and an emitter playing it.
-    Kelo::Source* sound(const std::vector<unsigned char>& pcm, bool loop, unsigned rate = 44100,
-                        unsigned bits = 16, unsigned channels = 1) {
-        Kelo::Source* s = world.createSource();
-        setPcm(*s, pcm, rate, bits, channels);
-        s->setParam(loop, 1);
-        return s;
-    }
-    Kelo::Emitter* play(Kelo::Source* s, bool spatial) {
-        Kelo::Emitter* e = world.createEmitter();
-        e->setParam(spatial, 0, 1);
-        e->setSource(s);
-        e->setState(WorldPart::PLAY);
-        return e;
-    }
+// The audio backend, found as "default", on a device that opened with it.
+struct OpenAL : Render {
+    OpenAL() { open("default"); }
     ALuint sourceOf(const Kelo::Emitter* e) const { return backend->sources().at(e->id()); }
     float get(const Kelo::Emitter* e, ALenum param) const {
         ALfloat value = -1;
@@ -134,9 +46,6 @@ struct OpenAL : ::testing::Test {
         for (size_t i = 0; i < want.size(); ++i)
             EXPECT_NEAR(got[i], want[i], 1e-6f) << "at " << i;
     }
-    Scene world;
-    Kelo::OALBackend* backend = addOpenAL(world, "default");
-    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
 TEST_F(OpenAL, RenderPlacesSoundsInSpaceAndFollowsTheListener) {
@@ -156,20 +65,27 @@ TEST_F(OpenAL, RenderPlacesSoundsInSpaceAndFollowsTheListener) {
     world.setSpatialize(false);
     e->setTransform(&front2, nullptr);
     at(1.2);
-    const Wav w = finish();
+    finish();
 
-    const Phase onLeft(0, 0.3), onRight(0.3, 0.6), turned(0.6, 0.9), flat(0.9, 1.2);
-    EXPECT_GT(w.left(onLeft), -30);
-    EXPECT_GT(w.left(onLeft) - w.right(onLeft), kApart);
-    EXPECT_GT(w.right(onRight) - w.left(onRight), kApart);
-    EXPECT_GT(w.right(turned) - w.left(turned), kApart);
-    EXPECT_NEAR(w.left(flat), w.right(flat), 0.1);
-    EXPECT_GT(w.left(flat), -30);
-    EXPECT_NEAR(w.frequency(onLeft), 441, 3);
+    // Right ear's level against the left's in each phase.
+    const auto rightOverLeft = [&](double from) {
+        const Channels c = window(from, from + 0.3);
+        return Measure::dB(c.right) - Measure::dB(c.left);
+    };
+    EXPECT_GT(leftDB(0, 0.3), -30);
+    EXPECT_LT(rightOverLeft(0), -kApart);
+    EXPECT_GT(rightOverLeft(0.3), kApart);
+    EXPECT_GT(rightOverLeft(0.6), kApart);
+    EXPECT_NEAR(rightOverLeft(0.9), 0, 0.1);
+    EXPECT_GT(leftDB(0.9, 1.2), -30);
+    EXPECT_NEAR(frequency(window(0, 0.3).left, rate), 441, 3);
 }
 
-TEST_F(OpenAL, RenderGainSwitchesAndTransport) {
-    Kelo::Source* other = sound(tone(441, 1.0), false);
+// One timeline: gain, the world's switch, a listener move, transport, reconnection, looping
+// and pitch.
+TEST_F(OpenAL, RenderGainSwitchesTransportLoopAndPitch) {
+    // A whole number of cycles, so that its loop is seamless.
+    Kelo::Source* other = sound(tone(440, 0.1), false);
     Kelo::Emitter* e = play(sound(tone(441, 1.0), true), false);  // on the listener
     at(0.2);
     e->setParam(false, 0, 0.5f);
@@ -187,103 +103,77 @@ TEST_F(OpenAL, RenderGainSwitchesAndTransport) {
     e->setSource(other);                     // reconnecting stops the OpenAL source
     EXPECT_EQ(e->state(), WorldPart::PLAY);  // though the world still says play
     at(1.4);
-    const Wav w = finish();
-
-    const double full = w.left({0, 0.2});
-    EXPECT_GT(full, -30);
-    EXPECT_NEAR(full, w.right({0, 0.2}), 0.1);
-    EXPECT_NEAR(w.left({0.2, 0.4}) - full, -6.02, 0.5);  // gain 0.5
-    EXPECT_LT(w.left({0.4, 0.6}), kSilent);              // world disabled
-    EXPECT_NEAR(w.left({0.6, 0.8}) - full, -6.02, 0.5);  // listener moved
-    EXPECT_LT(w.left({0.8, 1.0}), kSilent);              // paused
-    EXPECT_NEAR(w.left({1.0, 1.2}) - full, -6.02, 0.5);  // playing again
-    EXPECT_LT(w.left({1.2, 1.4}), kSilent);              // reconnected
-}
-
-TEST_F(OpenAL, RenderLoopKeepsSoundingAndPitchScalesTheFrequency) {
-    // A whole number of cycles, so the loop is seamless; 0.1 s, once.
-    Kelo::Source* s = sound(tone(440, 0.1), false);
-    Kelo::Emitter* e = play(s, false);
-    at(0.3);
-    s->setParam(true, 1);
+    e->setState(WorldPart::STOP);
+    e->setState(WorldPart::PLAY);  // 0.1 s, once
+    at(1.8);
+    other->setParam(true, 1);
     e->setState(WorldPart::STOP);
     e->setState(WorldPart::PLAY);
-    at(0.6);
-    s->setParam(true, 2);
-    at(0.9);
+    at(2.1);
+    other->setParam(true, 2);
+    at(2.4);
     e->setState(WorldPart::STOP);
-    at(1.1);
-    const Wav w = finish();
+    at(2.6);
+    finish();
 
-    EXPECT_LT(w.left({0.1, 0.3}), kSilent);  // past the buffer's end
-    EXPECT_GT(w.left({0.3, 0.6}), -30);      // past it again, looping
-    EXPECT_NEAR(w.frequency({0.3, 0.6}), 440, 3);
-    EXPECT_NEAR(w.frequency({0.6, 0.9}), 880, 6);
-    EXPECT_LT(w.left({0.9, 1.1}), kSilent);  // stopped
+    const double full = leftDB(0, 0.2);
+    EXPECT_GT(full, -30);
+    EXPECT_NEAR(full, Measure::dB(window(0, 0.2).right), 0.1);
+    EXPECT_NEAR(leftDB(0.2, 0.4) - full, -6.02, 0.5);  // gain 0.5
+    EXPECT_LT(leftDB(0.4, 0.6), kSilent);              // world disabled
+    EXPECT_NEAR(leftDB(0.6, 0.8) - full, -6.02, 0.5);  // listener moved
+    EXPECT_LT(leftDB(0.8, 1.0), kSilent);              // paused
+    EXPECT_NEAR(leftDB(1.0, 1.2) - full, -6.02, 0.5);  // playing again
+    EXPECT_LT(leftDB(1.2, 1.4), kSilent);              // reconnected
+    EXPECT_LT(leftDB(1.6, 1.8), kSilent);              // past the buffer's end
+    EXPECT_GT(leftDB(1.8, 2.1), -30);                  // past it again, looping
+    EXPECT_NEAR(frequency(window(1.8, 2.1).left, rate), 440, 3);
+    EXPECT_NEAR(frequency(window(2.1, 2.4).left, rate), 880, 6);
+    EXPECT_LT(leftDB(2.4, 2.6), kSilent);  // stopped
 }
 
-TEST_F(OpenAL, HullMapsToDistanceAttenuation) {
+// What the renders cannot tell apart, read back from the context.
+TEST_F(OpenAL, HullRelativeFlagListenerAndBufferAsTheContextHoldsThem) {
     ASSERT_EQ(backend->type()->name(), "openal");  // "default" found it
     Kelo::Emitter* e = world.createEmitter();
-    // maxBack, maxFront, minBack, minFront -> reference distance, max distance, rolloff
+    const osg::Vec3f p(1, 2, 3), q(1, 2, 4);
+    e->setTransform(&p, nullptr);
+    expectNear(e, AL_POSITION, {1, 2, 3});
+    EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_FALSE);
+    e->setParam(false, 0, 1);  // takes effect at the next transform
+    e->setTransform(&q, nullptr);
+    expectNear(e, AL_POSITION, {0, 0, 0});
+    EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_TRUE);
+    world.setListenerTransform(osg::Vec3f(4, 5, 6), kQuarterTurn);
+    expectNear(nullptr, AL_ORIENTATION, {-1, 0, 0, 0, 1, 0});
+    expectNear(nullptr, AL_POSITION, {4, 5, 6});
+    Kelo::Source* s = world.createSource();
+    e->setSource(s);
+    EXPECT_EQ(geti(e, AL_BUFFER), static_cast<ALint>(backend->buffers().at(s->id())));
+    e->setSource(nullptr);
+    EXPECT_EQ(geti(e, AL_BUFFER), 0);
+
+    e->setParam(true, 0, 1);
+    // maxBack, maxFront, minBack, minFront -> reference distance, max distance, rolloff; last,
+    // with the world's spatialization off, the fixed listener-bound values.
     const std::pair<std::array<float, 4>, std::array<float, 3>> cases[] = {
         {{10, 30, 1, 3}, {2, 20, 1}},
         {{0, 0, 0, 0}, {0.001f * 0.999f, 0.001f, 1}},
-        {{5, 5, 5, 5}, {5 * 0.999f, 5, 1}}};
+        {{5, 5, 5, 5}, {5 * 0.999f, 5, 1}},
+        {{10, 30, 1, 3}, {1, 2, 0}}};
     for (const auto& [hull, al] : cases) {
+        world.setSpatialize(&hull != &cases[3].first);
         e->setHull(hull[0], hull[1], hull[2], hull[3]);
         EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), al[0]) << hull[0];
         EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), al[1]) << hull[0];
         EXPECT_FLOAT_EQ(get(e, AL_ROLLOFF_FACTOR), al[2]) << hull[0];
     }
     EXPECT_FLOAT_EQ(get(e, AL_CONE_INNER_ANGLE), 360.0f);
-    // Not spatial: the fixed listener-bound values.
-    world.setSpatialize(false);
-    e->setHull(10, 30, 1, 3);
-    EXPECT_FLOAT_EQ(get(e, AL_REFERENCE_DISTANCE), 1.0f);
-    EXPECT_FLOAT_EQ(get(e, AL_MAX_DISTANCE), 2.0f);
-    EXPECT_FLOAT_EQ(get(e, AL_ROLLOFF_FACTOR), 0.0f);
-}
-
-TEST_F(OpenAL, PositionRelativeFlagListenerAndBuffers) {
-    Kelo::Emitter* e = world.createEmitter();
-    const osg::Vec3f p(1, 2, 3), q(1, 2, 4);
-    e->setTransform(&p, nullptr);
-    expectNear(e, AL_POSITION, {1, 2, 3});
-    EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_FALSE);
-    e->setParam(false, 0, 0.25f);
-    EXPECT_FLOAT_EQ(get(e, AL_GAIN), 0.25f);
-    // A changed spatial flag takes effect at the next transform.
-    e->setTransform(&q, nullptr);
-    expectNear(e, AL_POSITION, {0, 0, 0});
-    EXPECT_EQ(geti(e, AL_SOURCE_RELATIVE), AL_TRUE);
-
-    expectNear(nullptr, AL_ORIENTATION, {0, 0, -1, 0, 1, 0});
-    const float h = std::sin(static_cast<float>(M_PI) / 4);
-    world.setListenerTransform(osg::Vec3f(4, 5, 6), osg::Quaternion(0, h, 0, h));
-    expectNear(nullptr, AL_ORIENTATION, {-1, 0, 0, 0, 1, 0});
-    expectNear(nullptr, AL_POSITION, {4, 5, 6});
-    world.setEnabled(false);
-    expectNear(nullptr, AL_GAIN, {0});
-    world.setListenerTransform(osg::Vec3f(4, 5, 7), world.listenerRotation());
-    expectNear(nullptr, AL_GAIN, {1});
-
-    Kelo::Source* s = world.createSource();
-    s->setParam(true, 1.5f);
-    e->setSource(s);
-    EXPECT_EQ(geti(e, AL_BUFFER), static_cast<ALint>(backend->buffers().at(s->id())));
-    EXPECT_FLOAT_EQ(get(e, AL_PITCH), 1.5f);
-    EXPECT_EQ(geti(e, AL_LOOPING), AL_TRUE);
-    s->setParam(false, 0.5f);
-    EXPECT_FLOAT_EQ(get(e, AL_PITCH), 0.5f);
-    EXPECT_EQ(geti(e, AL_LOOPING), AL_FALSE);
-    e->setSource(nullptr);
-    EXPECT_EQ(geti(e, AL_BUFFER), 0);
 }
 
 TEST_F(OpenAL, LabelsDecideWhichEmittersGetASource) {
     Scene labelled;
-    Kelo::OALBackend* b = addOpenAL(labelled, "openal", "labels=front");
+    auto* b = static_cast<Kelo::OALBackend*>(labelled.addBackend("openal", "labels=front"));
     Kelo::Emitter* side = labelled.createEmitter({"side"});
     Kelo::Emitter* front = labelled.createEmitter({"front", "side"});
     Kelo::Emitter* any = labelled.createEmitter();
@@ -316,7 +206,6 @@ TEST_F(OpenAL, DurationsOfPcmAndOfWavFilesByFileAndHttp) {
     byHttp->setDataFromURL(server.url("/tone.wav"));
     EXPECT_FLOAT_EQ(byHttp->duration(), 0.5f);
     EXPECT_THAT(log.texts(osg::LOG_LOG), Contains("loading: >" + server.url("/tone.wav") + "<\n"));
-    std::remove(path.c_str());
 }
 
 TEST_F(OpenAL, ErrorsAreDecodedReportedTwiceAndCleared) {
@@ -409,8 +298,6 @@ TEST_F(OpenAL, UrlFailuresAreReportedAndSwallowed) {
     EXPECT_THAT(log.texts(osg::LOG_FATAL), Contains("wav file load error\n"));
     EXPECT_FLOAT_EQ(s->duration(), 0.0f);
     EXPECT_EQ(alGetError(), AL_NO_ERROR);
-    std::remove(text.c_str());
-    std::remove(wav24.c_str());
 }
 
 TEST_F(OpenAL, PastTheSourceLimitCreationIsRefusedAndTheSceneGoesOn) {
