@@ -74,12 +74,14 @@ bool bind(tcp::acceptor& acceptor, const tcp::endpoint& endpoint) {
         acceptor.set_option(tcp::acceptor::reuse_address(true), error);
     if (!error)
         acceptor.bind(endpoint, error);
+    // With reuse_address two sockets may both bind the port while neither listens yet: the
+    // one that listens second is told that the address is in use only now.
+    if (!error)
+        acceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error == asio::error::address_in_use) {
         acceptor.close(error);
         return false;
     }
-    if (!error)
-        acceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error) {
         boost::system::error_code ignored;
         acceptor.close(ignored);
