@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -41,11 +42,6 @@ inline std::optional<Reply> takeReply(std::string& in, bool head = false) {
     }
     in.erase(0, used);
     return parser.release();
-}
-
-inline bool wholeReply(const std::string& in, bool head = false) {
-    std::string copy = in;
-    return takeReply(copy, head).has_value();
 }
 
 // A TCP socket bound to the loopback address from and, unless port is 0, connected to
@@ -87,21 +83,20 @@ public:
     // Appends what has arrived, without waiting; false once the peer has closed or reset.
     bool drain(std::string& in) const {
         char chunk[4096];
-        for (;;) {
-            const ssize_t n = ::recv(_fd, chunk, sizeof chunk, MSG_DONTWAIT);
-            if (n <= 0)
-                return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        ssize_t n;
+        while ((n = ::recv(_fd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
             in.append(chunk, static_cast<std::size_t>(n));
-        }
+        return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
     }
-    // Reads into in until done(in), the peer closes or limit passes, calling step() (a frame
-    // of the server, when it runs on this thread) between short waits. Whether it is still open.
-    bool read(std::string& in, const std::function<bool(const std::string&)>& done,
+    // Reads into in until done(in) (never, without one), the peer closes or limit passes,
+    // calling step() (a frame of a server on this thread) between short waits. Whether it is
+    // still open.
+    bool read(std::string& in, const std::function<bool(const std::string&)>& done = {},
               const std::function<void()>& step = {},
               std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
         const auto end = std::chrono::steady_clock::now() + limit;
         while (drain(in)) {
-            if (done(in) || std::chrono::steady_clock::now() >= end)
+            if ((done && done(in)) || std::chrono::steady_clock::now() >= end)
                 return true;
             if (step)
                 step();
@@ -115,41 +110,46 @@ private:
     int _fd;
 };
 
-inline bool never(const std::string&) {
-    return false;
-}
-
 // Sends request on s and reads, calling step() between waits, to the whole reply.
 inline std::string ask(const Socket& s, const std::string& request,
                        const std::function<void()>& step = {}, bool head = false) {
     std::string in;
     if (s.send(request))
         s.read(
-            in, [&](const std::string& in) { return wholeReply(in, head); }, step);
+            in,
+            [&](const std::string& in) {
+                std::string copy = in;
+                return takeReply(copy, head).has_value();
+            },
+            step);
     return in;
+}
+
+// Runs f on another thread while this one calls step(), as a frame loop would: the servers
+// answer only from there.
+template <typename F>
+auto whileStepping(F f, const std::function<void()>& step) {
+    auto result = std::async(std::launch::async, std::move(f));
+    while (result.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
+        step();
+    return result.get();
 }
 
 // An HTTP/1.1 client on 127.0.0.1 that keeps its connection, for a thread of its own while
 // another updates the server; it gives up after 5 s rather than hang.
 struct Client {
     explicit Client(uint16_t port) : socket(port) {}
-    Reply request(const std::string& method, const std::string& target,
-                  const std::string& body = "") {
-        std::string in =
-            ask(socket,
-                method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
-                    "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
-                {}, method == "HEAD");
-        if (auto reply = takeReply(in, method == "HEAD"))
+    Reply get(const std::string& target) {
+        std::string in = ask(socket, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        if (auto reply = takeReply(in))
             return std::move(*reply);
-        throw std::runtime_error("no whole reply to " + method + " " + target);
+        throw std::runtime_error("no whole reply to GET " + target);
     }
-    Reply get(const std::string& target) { return request("GET", target); }
     // Sends bytes as they are; returns all the server sends until it closes.
     std::string raw(const std::string& bytes) {
         std::string in;
         if (socket.send(bytes))
-            socket.read(in, never);
+            socket.read(in);
         return in;
     }
 

@@ -75,15 +75,18 @@ inline std::vector<std::pair<uint16_t, std::string>> framesOf(const std::string&
     return out;
 }
 
-// A peer written by hand: plain blocking sends, reads with a time limit.
+// A peer written by hand: plain blocking sends, reads with a time limit. It sends first (the
+// preamble, say) as soon as it is connected.
 class RawPeer {
 public:
-    explicit RawPeer(unsigned short port) : _fd(::socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit RawPeer(unsigned short port, const std::string& first = "")
+        : _fd(::socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in at{};
         at.sin_family = AF_INET;
         at.sin_port = htons(port);
         at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (_fd < 0 || ::connect(_fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0)
+        if (_fd < 0 || ::connect(_fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 ||
+            !send(first))
             throw std::runtime_error("cannot connect to the server");
     }
     ~RawPeer() { close(); }

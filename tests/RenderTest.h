@@ -72,24 +72,22 @@ struct Render : ::testing::Test {
         SNDFILE* file = sf_open(waveFile().c_str(), SFM_READ, &info);
         ASSERT_TRUE(file && info.channels == 2) << sf_strerror(nullptr);
         rate = info.samplerate;
-        std::vector<float> frames(static_cast<size_t>(2 * info.frames));
-        sf_readf_float(file, frames.data(), info.frames);
-        sf_close(file);
-        for (size_t i = 0; i + 1 < frames.size(); i += 2) {
-            wav.left.push_back(frames[i]);
-            wav.right.push_back(frames[i + 1]);
+        float frame[2];
+        while (sf_readf_float(file, frame, 1) == 1) {
+            wav.left.push_back(frame[0]);
+            wav.right.push_back(frame[1]);
         }
+        sf_close(file);
     }
     // What was rendered from `from` to `to` seconds, less the edges: the mixer writes a few tens
     // of milliseconds ahead of the clock, and a change takes a period to be heard.
     Channels window(double from, double to) const {
-        size_t b = static_cast<size_t>((to - 0.06) * rate);
-        EXPECT_LE(b, wav.left.size()) << "window past the end of the render";
-        b = std::min(b, wav.left.size());
-        const auto a = static_cast<long>(std::min(static_cast<size_t>((from + 0.05) * rate), b));
-        const auto e = static_cast<long>(b);
-        return {{wav.left.begin() + a, wav.left.begin() + e},
-                {wav.right.begin() + a, wav.right.begin() + e}};
+        const auto e = static_cast<long>((to - 0.06) * rate);
+        EXPECT_LE(e, static_cast<long>(wav.left.size())) << "window past the end of the render";
+        const long b = std::min<long>(e, static_cast<long>(wav.left.size())),
+                   a = std::min<long>(static_cast<long>((from + 0.05) * rate), b);
+        return {{wav.left.begin() + a, wav.left.begin() + b},
+                {wav.right.begin() + a, wav.right.begin() + b}};
     }
     double leftDB(double from, double to) const { return Measure::dB(window(from, to).left); }
 

@@ -60,12 +60,10 @@ std::string LogCapture::text(int level) const {
 }
 
 size_t LogCapture::count(const std::string& part) const {
-    std::lock_guard<std::mutex> lock(mutex);
-    size_t n = 0;
-    for (const auto& m : messages)
-        if (m.text.find(part) != std::string::npos)
-            ++n;
-    return n;
+    const auto all = texts();
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const std::string& t) {
+        return t.find(part) != std::string::npos;
+    }));
 }
 
 void setPcm(Kelo::Source& source, const std::vector<unsigned char>& bytes, unsigned rate,

@@ -6,8 +6,6 @@
 #include <memory>
 #include <thread>
 
-#include <gmock/gmock.h>
-
 #include <Kelo/CreateEmitterEvent.h>
 #include <Kelo/KeloMultiClient.h>
 #include <Kelo/SourceDurationEvent.h>
@@ -19,6 +17,7 @@
 using namespace KeloTest;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::UnorderedElementsAre;
 using namespace std::chrono_literals;
 
 namespace {
@@ -40,30 +39,26 @@ std::vector<int> commandsReceived(BareServer& raw, std::chrono::milliseconds lim
     return got;
 }
 
-TEST(ClientShutdown, AServerWaitingForItsCatchUpGetsTheReset) {
-    for (int round = 0; round < 3; ++round) {
-        BareServer raw;
-        Scene world;
-        world.createEmitter({"a"});
-        auto* client = addClient(world, raw.named());
-        ASSERT_TRUE(until([&] { return client->joiningServers() == 1; }));
-        world.deleteAllBackends();  // before any update(): no catch-up, only the reset
-        EXPECT_THAT(commandsReceived(raw), ElementsAre(Kelo::ResetWorld)) << "round " << round;
-    }
-}
-
-// A server that connects while the backend goes: nothing touches a stopped network thread, and
-// all the server can get is the reset.
-TEST(ClientShutdown, AServerConnectingDuringDestructionIsClosed) {
-    for (int round = 0; round < 5; ++round) {
+// Destroyed while a server waits for its catch-up, or while one is still connecting: all the
+// server gets is the reset (exactly that once it has joined), and nothing touches a stopped
+// network thread.
+TEST(ClientShutdown, AServerJoiningDuringDestructionGetsOnlyTheReset) {
+    for (int round = 0; round < 8; ++round) {
         BareServer raw;
         {
             Scene world;
-            addClient(world, raw.named());
-            std::this_thread::sleep_for(std::chrono::microseconds(200 * round));
+            world.createEmitter({"a"});
+            auto* client = addClient(world, raw.named());
+            if (round % 2 == 0) {
+                ASSERT_TRUE(until([&] { return client->joiningServers() == 1; }));
+                world.deleteAllBackends();  // before any update(): no catch-up, only the reset
+                EXPECT_THAT(commandsReceived(raw), ElementsAre(Kelo::ResetWorld)) << round;
+                continue;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(100 * round));
         }
         for (int command : commandsReceived(raw, 500ms))
-            EXPECT_EQ(command, Kelo::ResetWorld);
+            EXPECT_EQ(command, Kelo::ResetWorld) << round;
     }
 }
 
@@ -133,7 +128,7 @@ TEST(ClientLabels, EmittersCostTheServerAboutTheirBytesOnTheWire) {
     e.setLabels(
         std::vector<std::string>(Kelo::CreateEmitterEvent::kMaxLabels,
                                  std::string(Kelo::CreateEmitterEvent::kMaxLabelBytes, 'x')));
-    const auto decode = [](const std::string& frame) {
+    const auto decode = [](const std::string& frame) {  // as a server's receiver does
         return std::unique_ptr<Lirra::Event>(Lirra::Event::decode(
             reinterpret_cast<const uint8_t*>(frame.data()) + 4, frame.size() - 4));
     };
@@ -185,7 +180,7 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
     LogCapture log(osg::LOG_WARNING);
     Scene world;
     auto* client = addClient(world,
-                             "servers=127.0.0.1:99999999999,:7000,nohost groupPort=70000 retry=inf "
+                             "servers=127.0.0.1:99999999999,:7000,nohost groupPort=70000 retry=3s "
                              "sendLimit=10 multicast=maybe group=10.0.0.1 interface=banana "
                              "transferData=perhaps");
     // No discovery: servers were named, even if none was usable.
@@ -196,29 +191,21 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
                " (" + expected + ")\n";
     };
     const char* server = "host:port with a port from 1 to 65535";
-    const auto texts = log.texts();
-    for (const std::string& line :
-         {bad("perhaps", "transferData", "true or false"),
-          bad("maybe", "multicast", "true or false"),
-          bad("10.0.0.1", "group", "a multicast address such as 239.255.76.67"),
-          bad("70000", "groupPort", "a port from 1 to 65535"),
-          bad("banana", "interface", "the numeric address of a local interface"),
-          bad("inf", "retry", "seconds from 0.05 to 3600"),
-          bad("10", "sendLimit", "bytes from 65536 to 1073741824"),
-          bad("127.0.0.1:99999999999", "servers", server), bad(":7000", "servers", server),
-          bad("nohost", "servers", server)})
-        EXPECT_THAT(texts, Contains(line));
-    EXPECT_EQ(texts.size(), 10u);
+    EXPECT_THAT(
+        log.texts(),
+        UnorderedElementsAre(bad("perhaps", "transferData", "true or false"),
+                             bad("maybe", "multicast", "true or false"),
+                             bad("10.0.0.1", "group", "a multicast address such as 239.255.76.67"),
+                             bad("70000", "groupPort", "a port from 1 to 65535"),
+                             bad("banana", "interface", "the numeric address of a local interface"),
+                             bad("3s", "retry", "seconds from 0.05 to 3600"),
+                             bad("10", "sendLimit", "bytes from 65536 to 1073741824"),
+                             bad("127.0.0.1:99999999999", "servers", server),
+                             bad(":7000", "servers", server), bad("nohost", "servers", server)));
     EXPECT_EQ(client->servers() + client->joiningServers(), 0u);
-
-    for (const char* value : {"1e308", "-1", "0.01", "nan", "3s"}) {
-        Scene other;
-        auto* b = addClient(other, std::string("multicast=off retry=") + value);
-        EXPECT_EQ(b->communicator()->retryInterval(), 3.0) << value;
-    }
 }
 
-TEST(ClientParameters, GoodValuesAreTaken) {
+TEST(ClientParameters, GoodValuesAreTakenAndNamedServersCapped) {
     LogCapture log(osg::LOG_WARNING);
     Scene world;
     auto* client =
@@ -228,15 +215,11 @@ TEST(ClientParameters, GoodValuesAreTaken) {
     EXPECT_EQ(settings(client),
               std::make_tuple(65535, 0.05, size_t(65536), false, "239.1.2.3", "127.0.0.1", false));
     EXPECT_THAT(log.texts(), IsEmpty());
-}
 
-TEST(ClientParameters, NamedServersAreCapped) {
-    LogCapture log(osg::LOG_WARNING);
-    std::string list;
-    for (int port = 1; port <= 66; ++port)
-        list += (list.empty() ? "" : ",") + std::string("127.0.0.1:") + std::to_string(port);
-    Scene world;
-    addClient(world, "retry=3600 servers=" + list);
+    std::string list = "retry=3600 servers=127.0.0.1:1";
+    for (int port = 2; port <= 66; ++port)
+        list += ",127.0.0.1:" + std::to_string(port);
+    addClient(world, list);
     EXPECT_THAT(log.texts(),
                 Contains("ClientBackend: bad value \"127.0.0.1:65,127.0.0.1:66\" for parameter "
                          "servers (at most 64 servers; these are left out)\n"));

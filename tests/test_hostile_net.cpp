@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <ctime>
 #include <memory>
 #include <thread>
 
@@ -37,15 +38,14 @@ struct OneField : Lirra::Event {
 using Blob = OneField<std::string, 31000>;
 using Numbered = OneField<uint32_t, 31001>;
 
-std::string blobFrame(size_t dataBytes) {
-    Blob blob;
-    blob.value.assign(dataBytes, 'x');
-    return frameOf(blob);
-}
-std::string numberedFrame(uint32_t number) {
-    Numbered event;
-    event.value = number;
+template <typename E>
+std::string frameWith(decltype(E::value) value) {
+    E event;
+    event.value = std::move(value);
     return frameOf(event);
+}
+std::string blobFrame(size_t dataBytes) {
+    return frameWith<Blob>(std::string(dataBytes, 'x'));
 }
 
 // Just the start of a Blob frame: its header announcing length bytes, then count bytes of it.
@@ -55,11 +55,9 @@ std::string frameStart(uint32_t length, size_t count) {
     return std::string(header, 8) + std::string(count, 'y');
 }
 
-// keepAlive 0 keeps the default interval.
 void connectedClient(Lirra::MultiClient& client, unsigned short port, double keepAlive) {
     client.setMulticastEnabled(false);
-    if (keepAlive > 0)
-        client.setKeepAliveInterval(keepAlive);
+    client.setKeepAliveInterval(keepAlive);
     EXPECT_TRUE(client.open());
     EXPECT_TRUE(client.connectToServer("127.0.0.1", port));
 }
@@ -68,8 +66,7 @@ TEST(HostileNet, APartialFrameIsDroppedAtItsDeadlineAndItsMemoryGoes) {
     BareServer server;
     server.setFrameDeadline(2, 48u << 20);  // 2 s and a second for 48 MiB
     const long before = residentKiB();
-    RawPeer peer(server.listeningPort());
-    ASSERT_TRUE(peer.send(kPreamble + frameStart(48u << 20, 32u << 20)));
+    RawPeer peer(server.listeningPort(), kPreamble + frameStart(48u << 20, 32u << 20));
     EXPECT_TRUE(until([&] { return server.receiveHeld() >= (48u << 20); }));
     EXPECT_TRUE(peer.endsWithin(6000ms));
     EXPECT_EQ(peer.goodbye(), "frame of 50331648 bytes not completed within 3.0 s");
@@ -86,8 +83,7 @@ TEST(HostileNet, AnIdlePeerIsDroppedWhileKeepAlivesKeepOthers) {
     server.setIdleLimit(1);
     Lirra::MultiClient client;
     connectedClient(client, server.listeningPort(), 0.1);
-    RawPeer silent(server.listeningPort()), alive(server.listeningPort());
-    ASSERT_TRUE(silent.send(kPreamble) && alive.send(kPreamble));
+    RawPeer silent(server.listeningPort(), kPreamble), alive(server.listeningPort(), kPreamble);
     ASSERT_TRUE(until([&] { return server.size() == 3; }));
     for (const auto end = std::chrono::steady_clock::now() + 2500ms;
          std::chrono::steady_clock::now() < end; pump(server)) {
@@ -96,8 +92,7 @@ TEST(HostileNet, AnIdlePeerIsDroppedWhileKeepAlivesKeepOthers) {
     }
     EXPECT_TRUE(silent.endsWithin(1000ms));
     EXPECT_EQ(silent.goodbye(), "nothing received for 1 s");
-    EXPECT_FALSE(alive.endsWithin(10ms));
-    EXPECT_EQ(alive.goodbye(), "(none)");
+    EXPECT_FALSE(alive.endsWithin(10ms)) << alive.goodbye();
     pump(server);
     EXPECT_EQ(server.size(), 2u);  // the keep-alive peer and the client
     EXPECT_EQ(client.size(), 1u);
@@ -158,19 +153,18 @@ size_t openDescriptors() {
 TEST(HostileNet, SocketsLentToTheWaitingReaderWorkAsBefore) {
     BareServer server;
     const size_t descriptors = openDescriptors();
-    RawPeer peer(server.listeningPort());
-    ASSERT_TRUE(peer.send(kPreamble));
+    RawPeer peer(server.listeningPort(), kPreamble);
     ASSERT_TRUE(until([&] { return server.size() == 1; }, [&] { pump(server); }));
     constexpr uint32_t kLone = 20, kCount = 50000;
     std::atomic<bool> sent{true};
     std::thread sender([&] {
         for (uint32_t i = 1; i <= kLone; ++i) {
             std::this_thread::sleep_for(5ms);  // the reader is back in poll() by then
-            sent = sent && peer.send(numberedFrame(i));
+            sent = sent && peer.send(frameWith<Numbered>(i));
         }
         std::string stream;
         for (uint32_t i = kLone + 1; i <= kCount; ++i)
-            stream += numberedFrame(i);
+            stream += frameWith<Numbered>(i);
         std::this_thread::sleep_for(5ms);
         sent = sent && peer.send(stream);
     });
@@ -195,7 +189,7 @@ TEST(HostileNet, SocketsLentToTheWaitingReaderWorkAsBefore) {
     // A reader that stops waiting leaves the socket lent: the network thread takes it back,
     // and the keep-alives are still read and count against the idle limit.
     server.setIdleLimit(0.5);
-    ASSERT_TRUE(peer.send(numberedFrame(kCount + 1)));
+    ASSERT_TRUE(peer.send(frameWith<Numbered>(kCount + 1)));
     ASSERT_TRUE(server.waitForInput(1));
     EXPECT_EQ(pump(server), 1);               // applied: the socket goes back to the network thread
     EXPECT_FALSE(server.waitForInput(0.02));  // and is lent again
@@ -230,8 +224,7 @@ TEST(HostileNet, SharedAndSingleFramesKeepTheirOrderOnEachConnection) {
         }
         std::atomic<Lirra::Communicator*> first{nullptr};
     } server;
-    RawPeer a(server.listeningPort()), b(server.listeningPort());
-    ASSERT_TRUE(a.send(kPreamble) && b.send(kPreamble));
+    RawPeer a(server.listeningPort(), kPreamble), b(server.listeningPort(), kPreamble);
     ASSERT_TRUE(until([&] { return server.size() == 2; }));
 
     std::vector<uint32_t> toAll, toSingle;  // frame numbers as each peer must see them, 0: blob
@@ -247,9 +240,8 @@ TEST(HostileNet, SharedAndSingleFramesKeepTheirOrderOnEachConnection) {
             toSingle.push_back(single.value);
         }
         if (n.value == 10000) {
-            Blob big;
-            big.value.assign(100 * 1024, 'z');
-            ASSERT_TRUE(big.send(&server));
+            const std::string big = blobFrame(100 << 10);
+            ASSERT_TRUE(server.write(reinterpret_cast<const uint8_t*>(big.data()), big.size()));
             toAll.push_back(0);
             toSingle.push_back(0);
         }
@@ -278,12 +270,11 @@ TEST(HostileNet, SharedAndSingleFramesKeepTheirOrderOnEachConnection) {
 TEST(HostileNet, AFrameBeyondTheBudgetIsRefusedAndTheOthersGoOn) {
     BareServer server;
     server.setReceiveBudget(1u << 20);
-    RawPeer holder(server.listeningPort()), greedy(server.listeningPort());
     const std::string frame = blobFrame(700 << 10);
     // Most of a 700 KiB frame is under way; another 500 KiB does not fit beside it.
-    ASSERT_TRUE(holder.send(kPreamble + frame.substr(0, 300 << 10)));
+    RawPeer holder(server.listeningPort(), kPreamble + frame.substr(0, 300 << 10));
     ASSERT_TRUE(until([&] { return server.receiveHeld() == frame.size(); }));
-    ASSERT_TRUE(greedy.send(kPreamble + frameStart(500 << 10, 100)));
+    RawPeer greedy(server.listeningPort(), kPreamble + frameStart(500 << 10, 100));
     EXPECT_TRUE(greedy.endsWithin(3000ms));
     EXPECT_EQ(greedy.goodbye(),
               "frame of 512000 bytes refused: over the receive budget of 1048576 bytes");
@@ -302,8 +293,7 @@ TEST(HostileNet, MemoryFallsBackAfterTheLargestFrame) {
         GTEST_SKIP() << "resident memory is not meaningful under the sanitizers";
     BareServer server;
     const long before = residentKiB();
-    RawPeer peer(server.listeningPort());
-    ASSERT_TRUE(peer.send(kPreamble));
+    RawPeer peer(server.listeningPort(), kPreamble);
     std::thread sender([&] { peer.send(blobFrame((64u << 20) - 12)); });
     int read = 0;
     EXPECT_TRUE(until([&] { return (read += pump(server)) == 1; }, [] {}, 10000ms));
@@ -320,9 +310,8 @@ TEST(HostileNet, ClientsBeyondTheCapAreToldAndTheCapIsLogged) {
     BareServer server;
     ASSERT_TRUE(server.setMaxConnections(2));
     EXPECT_FALSE(server.setMaxConnections(0));
-    RawPeer a(server.listeningPort());
+    RawPeer a(server.listeningPort(), kPreamble);
     RawPeer b(server.listeningPort());  // still handshaking: it counts
-    ASSERT_TRUE(a.send(kPreamble));
     RawPeer c(server.listeningPort());
     EXPECT_TRUE(c.endsWithin(3000ms));
     EXPECT_EQ(c.goodbye(), "too many clients (2 connected)");
@@ -331,29 +320,10 @@ TEST(HostileNet, ClientsBeyondTheCapAreToldAndTheCapIsLogged) {
     // One leaves: the next is greeted and stays.
     a.close();
     ASSERT_TRUE(until([&] { return server.size() == 0; }, [&] { pump(server); }));
-    RawPeer d(server.listeningPort());
-    ASSERT_TRUE(d.send(kPreamble));
+    RawPeer d(server.listeningPort(), kPreamble);
     d.readFor(300ms);
     EXPECT_EQ(d.received(), kPreamble);
     EXPECT_FALSE(d.endsWithin(10ms));
-}
-
-TEST(HostileNet, AGoodbyeReachesTheClientsLog) {
-    LogCapture log(osg::LOG_WARNING);
-    // Refuses every client with a reason, as a server keeping to one client would.
-    struct Refusing : BareServer {
-        bool addCommunicator(Lirra::Communicator* client) override {
-            client->refuse("only one client at a time");
-            delete client;
-            return false;
-        }
-    } server;
-    Lirra::MultiClient client;
-    connectedClient(client, server.listeningPort(), 0);
-    const std::string line = "Connection to 127.0.0.1:" + std::to_string(server.listeningPort()) +
-                             " closed by the peer: only one client at a time\n";
-    EXPECT_TRUE(until([&] { return log.has(line); }, [&] { pump(client); }));
-    EXPECT_TRUE(until([&] { return client.size() == 0; }, [&] { pump(client); }));
 }
 
 TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
@@ -381,13 +351,6 @@ TEST(HostileNet, AHandlerThatThrowsDoesNotStopTheNetworkThread) {
     EXPECT_TRUE(log.has("hops"));
 }
 
-double cpuSeconds() {
-    rusage r{};
-    getrusage(RUSAGE_SELF, &r);
-    return static_cast<double>(r.ru_utime.tv_sec + r.ru_stime.tv_sec) +
-           static_cast<double>(r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
-}
-
 // With no descriptor left for the client waiting to be accepted, accepting must back off
 // instead of spinning, and greet the client once descriptors are free again.
 TEST(HostileNet, RunningOutOfDescriptorsBacksOffAndRecovers) {
@@ -412,9 +375,9 @@ TEST(HostileNet, RunningOutOfDescriptorsBacksOffAndRecovers) {
         filler.pop_back();
         RawPeer waiting(server.listeningPort());
         std::this_thread::sleep_for(200ms);
-        const double start = cpuSeconds();
+        const std::clock_t start = std::clock();  // this process's processor time
         std::this_thread::sleep_for(1000ms);
-        spent = cpuSeconds() - start;
+        spent = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
         for (int i = 0; i < 8; ++i, filler.pop_back())
             ::close(filler.back());
         waiting.readFor(3000ms);

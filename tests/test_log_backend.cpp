@@ -63,9 +63,12 @@ TEST(LogBackend, StateNamesAndCopy) {
         EXPECT_STREQ(Kelo::LogBackend::stateName(state), names[state + 1]) << state;
     Kelo::World world;
     LogCapture log;
-    Kelo::LogBackend backend(world, "");
+    Kelo::LogBackend backend(world, "labels=a");
     Kelo::LogBackend copy(backend);
     EXPECT_EQ(log.text(),
               "LogBackend: create backend\nERROR: In Backend copy constructor\n"
               "LogBackend: copy backend\n");
+    // The copy is neither labelled nor in the world's list.
+    EXPECT_THAT(copy.labels(), IsEmpty());
+    EXPECT_THAT(world.backends(), ElementsAre(&backend));
 }

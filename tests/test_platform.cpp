@@ -1,5 +1,4 @@
 // The platform subset: the log, parameter lines and text conversion.
-#include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <tuple>

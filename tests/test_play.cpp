@@ -18,11 +18,6 @@ std::string stdoutOf(F&& f) {
     return ::testing::internal::GetCapturedStdout();
 }
 
-// The unknown-state message with its line number replaced by "#".
-std::string withoutLines(const std::string& text) {
-    return std::regex_replace(text, std::regex("(Kelo/PlayBackend:)[0-9]+\n"), "$1#\n");
-}
-
 }  // namespace
 
 TEST(PlayBackend, PrintsTheCommandLineForEveryStartOfAUrlSound) {
@@ -30,7 +25,6 @@ TEST(PlayBackend, PrintsTheCommandLineForEveryStartOfAUrlSound) {
     Kelo::Backend* play = world.addBackend("play", "command=\"ogg123 -q\"");
     ASSERT_NE(play, nullptr);
     EXPECT_EQ(play->type(), &Kelo::PlayBackend::_type);
-    EXPECT_EQ(play->type()->name(), "play");
     Kelo::Source* sound = world.createSource();
     sound->setDataFromURL("file:///sounds/a%20b.wav");
     Kelo::Emitter* emitter = world.createEmitter();
@@ -75,18 +69,17 @@ TEST(PlayBackend, PcmDataAndUnconnectedEmittersAndUnknownStates) {
                   alone->setState(WorldPart::NONE);
               }),
               "");
-    // State 0 and values beyond 3 are unknown, to the emitter and to the source: both
-    // messages speak of an emitter and name the line that noticed them.
+    // State 0 and values beyond 3 are unknown, to the emitter and to the source: all four
+    // messages speak of an emitter and name the line that noticed them, the emitter's check
+    // and the source's.
     const std::string unknown = stdoutOf([&] {
         connected->setState(WorldPart::NONE);
         connected->setState(static_cast<WorldPart::State>(4));
     });
-    EXPECT_EQ(withoutLines(unknown),
-              "ERROR: Unknown emitter state in Kelo/PlayBackend:#\n"
-              "ERROR: Unknown emitter state in Kelo/PlayBackend:#\n"
-              "ERROR: Unknown emitter state in Kelo/PlayBackend:#\n"
-              "ERROR: Unknown emitter state in Kelo/PlayBackend:#\n");
+    const std::string at = "ERROR: Unknown emitter state in Kelo/PlayBackend:([0-9]+)\n";
     std::smatch lines;
-    ASSERT_TRUE(std::regex_search(unknown, lines, std::regex(":([0-9]+)\n.*:([0-9]+)\n")));
-    EXPECT_NE(lines[1], lines[2]);  // the emitter's check and the source's
+    ASSERT_TRUE(std::regex_match(unknown, lines, std::regex(at + at + at + at))) << unknown;
+    EXPECT_NE(lines[1], lines[2]);
+    EXPECT_EQ(lines[1], lines[3]);
+    EXPECT_EQ(lines[2], lines[4]);
 }

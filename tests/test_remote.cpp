@@ -14,7 +14,6 @@
 
 using Kelo::WorldPart;
 using namespace KeloTest;
-using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
 namespace {
@@ -151,11 +150,12 @@ TEST(Remote, ServersMirrorTheWorldAndLateJoinersCatchUp) {
     }
     a->setState(WorldPart::PAUSE);
     app.world.getSource(1)->setParam(false, 0.75f);
-    // Until the last change has arrived on both: a server applies what arrives in batches, so
-    // the pause can be there a frame before it.
+    // Until the last change has arrived: a server applies what arrives in batches, so the pause
+    // can be there a frame before the pitch. A catch-up ends with the emitter of the highest id
+    // (40000, which wraps to -25536); once it is there, the rest only repeats its defaults.
     const auto caughtUp = [&](const Kelo::Server& s) {
         return s.getEmitter(id) && s.getEmitter(id)->state() == WorldPart::PAUSE &&
-               s.getSource(1) && s.getSource(1)->pitch() == 0.75f;
+               s.getSource(1) && s.getSource(1)->pitch() == 0.75f && s.getEmitter(-25536);
     };
     ASSERT_TRUE(until([&] { return caughtUp(first) && caughtUp(second); }, step));
     expectMirrored(app.world, first);
@@ -163,16 +163,10 @@ TEST(Remote, ServersMirrorTheWorldAndLateJoinersCatchUp) {
     EXPECT_EQ(first.getSource(7), nullptr);  // clients cannot create sources
     EXPECT_EQ(first.getEmitter(-25536)->source(), nullptr);
 
-    // Two more servers join late and get the present state, not the history. Their catch-up
-    // ends with the emitter of the highest id (40000, which wraps to -25536): once it is there,
-    // the rest of its catch-up only repeats the values it was made with.
+    // Two more servers join late and get the present state, not the history.
     SoundServer third, fourth;
     auto* more = addClient(app.world, named({&third, &fourth}));
-    const auto joined = [&](const Kelo::Server& s) {
-        return s.getEmitter(id) && s.getEmitter(id)->state() == WorldPart::PAUSE &&
-               s.getEmitter(-25536);
-    };
-    ASSERT_TRUE(until([&] { return more->servers() == 2 && joined(third) && joined(fourth); },
+    ASSERT_TRUE(until([&] { return more->servers() == 2 && caughtUp(third) && caughtUp(fourth); },
                       app.stepping(first, second, third, fourth)));
     expectMirrored(app.world, third);
     expectMirrored(app.world, fourth);
@@ -206,8 +200,7 @@ TEST(Remote, AServerThatDiesAndReturnsIsCaughtUpAgain) {
     ASSERT_TRUE(until([&] { return app.client->servers() == 0; }, [&] { app.world.update(); }));
     EXPECT_THAT(log.texts(), Contains("ClientBackend: Lost server\n"));
 
-    // Changes made while it is away reach it with the catch-up when it is back, whose last
-    // emitter is the one of the highest id (40000, which wraps to -25536).
+    // Changes made while it is away reach it with the catch-up when it is back (-25536 last).
     const osg::Vec3f away(9, 9, 9);
     app.world.getEmitter(id)->setTransform(&away, nullptr);
     server = std::make_unique<SoundServer>(port);
@@ -265,9 +258,7 @@ TEST(Remote, HostilePeersAreDroppedAndOthersGoOn) {
              kPreamble + std::string("\x0c\0\0\0\xc8\0\0\0\x24\0", 10),  // truncated, then gone
              kPreamble + std::string("\x04\0\0\0\x39\x30\0\0", 8),       // unknown type
          }) {
-        RawPeer peer(server.port());
-        peer.send(bytes);  // the server may have dropped this peer already: that is the point
-        peer.close();
+        RawPeer{server.port(), bytes};  // sends, then closes
         for (int i = 0; i < 50; ++i) {
             server.receive(false);
             std::this_thread::sleep_for(2ms);

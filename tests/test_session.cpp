@@ -1,6 +1,6 @@
-// Session files: what a server records from a client application, replayed to a fresh server,
-// leaves it as the application left the live one; kelo-record and kelo-replay end to end, with
-// timing; damaged files; bad options. Every socket is on 127.0.0.1.
+// Session files: what kelo-record records from a client application, replayed by kelo-replay,
+// leaves a server as the application left its world, byte for byte and in time; damaged files;
+// bad options. Every socket is on 127.0.0.1.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -33,73 +33,6 @@ using ::testing::StartsWith;
 using namespace std::chrono_literals;
 
 namespace {
-
-std::ostream& operator<<(std::ostream& out, const osg::Vec3f& v) {
-    return out << v[0] << ',' << v[1] << ',' << v[2];
-}
-std::ostream& operator<<(std::ostream& out, const osg::Quaternion& q) {
-    return out << q[0] << ',' << q[1] << ',' << q[2] << ',' << q[3];
-}
-
-// Everything of a world that a session carries, a line an item, emitters by their wire id; not
-// source 2, which servers have of their own.
-std::string describe(const Kelo::World& w) {
-    std::vector<std::string> lines;
-    for (const auto& [id, e] : w.emitters()) {
-        std::ostringstream line;
-        line << std::setprecision(9) << "emitter " << Kelo::CommandEvent::wireId(id) << " "
-             << e->position() << " " << e->rotation() << " state " << e->state() << " param "
-             << e->spatialize() << " " << e->extraParam() << " " << e->gain() << " hull "
-             << e->maxBack() << " " << e->maxFront() << " " << e->minBack() << " " << e->minFront()
-             << " source " << (e->source() ? e->source()->id() : 0);
-        for (const std::string& label : e->labels())
-            line << " '" << label << "'";
-        lines.push_back(line.str());
-    }
-    for (const auto& [id, s] : w.sources())
-        if (id != 2)
-            lines.push_back("source " + std::to_string(id) + " " + std::to_string(s->state()) +
-                            " " + std::to_string(s->pitch()) + " " + std::to_string(s->loop()));
-    std::sort(lines.begin(), lines.end());
-    std::ostringstream out;
-    out << std::setprecision(9) << "listener " << w.listenerPosition() << " "
-        << w.listenerRotation();
-    for (const std::string& line : lines)
-        out << "\n" << line;
-    return out.str();
-}
-
-// What an application does over a short while; it ends by creating emitter 999, so a receiver
-// that has it has everything before.
-void scene(Kelo::World& world, const std::function<void()>& pump) {
-    Kelo::Source* one = world.createSource(1);
-    one->setParam(true, 1.5f);
-    Kelo::Source* seven = world.createSource(7);  // the servers do not have it
-    Kelo::Emitter* a = world.createEmitter({"front", ""});
-    const osg::Quaternion q(0, 0.6f, 0, 0.8f);
-    const osg::Vec3f p(1, 2, 3);
-    a->setTransform(&p, &q);
-    a->setHull(10, 30, 1, 3);
-    a->setParam(false, 0.5f, 0.25f);
-    a->setSource(one);
-    Kelo::Emitter* b = world.createEmitter({"rear"}, 40000);  // travels as -25536
-    b->setSource(one);
-    a->setState(WorldPart::PLAY);  // reaches the source and, through it, b
-    pump();
-    Kelo::Emitter* c = world.createEmitter({}, 5);
-    c->setSource(seven);
-    delete c;
-    world.setListenerTransform(osg::Vec3f(0, 1, 0), q);
-    for (int i = 0; i < 20; ++i) {
-        const osg::Vec3f at(0.1f * static_cast<float>(i), 0, -1);
-        b->setTransform(&at, nullptr);
-        pump();
-    }
-    b->setState(WorldPart::PAUSE);
-    delete seven;
-    world.createEmitter({"end"}, 999);
-    pump();
-}
 
 using Event = std::shared_ptr<Kelo::CommandEvent>;
 Event command(int16_t command, int16_t id) {
@@ -157,74 +90,6 @@ std::vector<std::vector<uint8_t>> framesOf(const std::string& path) {
         frames.push_back(frame);
     EXPECT_FALSE(reader.damaged()) << reader.error();
     return frames;
-}
-
-// A client application's world (or a replay's) connected to server.
-template <typename W = Kelo::World>
-struct App : W {
-    explicit App(const std::string& server) {
-        client = static_cast<Kelo::ClientBackend*>(
-            this->addBackend("client", ("servers=" + server + " retry=0.05").c_str()));
-    }
-    ~App() override {
-        this->clearWorld();
-        this->deleteAllBackends();
-    }
-    Kelo::ClientBackend* client;
-};
-
-TEST(Session, ReplayedToAFreshServerItSeesWhatTheLiveOneSaw) {
-    const std::string live = scratch("live.kelo"), again = scratch("again.kelo");
-    SoundServer first, second;
-    Kelo::SessionWriter recording, check;
-    ASSERT_TRUE(recording.open(live, "test")) << recording.error();
-    ASSERT_TRUE(check.open(again)) << check.error();
-    first.setRecorder(&recording);
-    second.setRecorder(&check);
-    {
-        App<> app(first.address());
-        auto pump = [&] {
-            app.update();
-            first.receive(false);
-        };
-        ASSERT_TRUE(until([&] { return app.client->servers() == 1; }, pump));
-        scene(app, pump);
-        ASSERT_TRUE(until([&] { return first.getEmitter(999) != nullptr; }, pump));
-        app.clearWorld();
-        // Detached before it leaves: its leaving reset is not part of this session.
-        first.setRecorder(nullptr);
-    }
-    ASSERT_TRUE(recording.close());
-
-    App<Kelo::ReplayWorld> replay(second.address());
-    auto pump = [&] {
-        replay.update();
-        second.receive(false);
-    };
-    ASSERT_TRUE(until([&] { return replay.client->servers() == 1; }, pump));
-    Kelo::SessionReader reader;
-    ASSERT_TRUE(reader.open(live)) << reader.error();
-    EXPECT_EQ(reader.note(), "test");
-    uint64_t micros = 0, last = 0;
-    while (auto event = reader.next(micros)) {
-        EXPECT_GE(micros, last);
-        last = micros;
-        EXPECT_TRUE(replay.apply(*event)) << event->command() << "/" << event->id();
-    }
-    EXPECT_FALSE(reader.damaged()) << reader.error();
-    ASSERT_TRUE(until([&] { return second.getEmitter(999) != nullptr; }, pump));
-    EXPECT_EQ(describe(first), describe(second));
-    ASSERT_NE(second.getEmitter(-25536), nullptr);
-    EXPECT_EQ(second.getEmitter(-25536)->state(), WorldPart::PAUSE);
-    EXPECT_EQ(second.getEmitter(-25536)->position(), osg::Vec3f(1.9f, 0, -1));
-    second.setRecorder(nullptr);
-    ASSERT_TRUE(check.close());
-
-    // Byte for byte: the replay's own catch-up of its empty world (a reset and the listener),
-    // then everything the application sent.
-    const auto sent = framesOf(live), seen = framesOf(again);
-    ASSERT_EQ(seen.size(), sent.size() + 2);
-    EXPECT_TRUE(std::equal(sent.begin(), sent.end(), seen.begin() + 2));
 }
 
 TEST(Session, AReplayedResetIsSentAloneAndBadEventsAreCounted) {
@@ -308,6 +173,78 @@ TEST(Session, DamageIsReportedWithItsOffsetAfterWhatCameBefore) {
 }
 
 #if defined(KELO_REPLAY_PROGRAM) && defined(KELO_RECORD_PROGRAM)
+std::ostream& operator<<(std::ostream& out, const osg::Vec3f& v) {
+    return out << v[0] << ',' << v[1] << ',' << v[2];
+}
+std::ostream& operator<<(std::ostream& out, const osg::Quaternion& q) {
+    return out << q[0] << ',' << q[1] << ',' << q[2] << ',' << q[3];
+}
+
+// Everything of a world that a session carries, a line an item, emitters by their wire id; not
+// source 2, which servers have of their own.
+std::string describe(const Kelo::World& w) {
+    std::vector<std::string> lines;
+    for (const auto& [id, e] : w.emitters()) {
+        std::ostringstream line;
+        line << std::setprecision(9) << "emitter " << Kelo::CommandEvent::wireId(id) << " "
+             << e->position() << " " << e->rotation() << " state " << e->state() << " param "
+             << e->spatialize() << " " << e->extraParam() << " " << e->gain() << " hull "
+             << e->maxBack() << " " << e->maxFront() << " " << e->minBack() << " " << e->minFront()
+             << " source " << (e->source() ? e->source()->id() : 0);
+        for (const std::string& label : e->labels())
+            line << " '" << label << "'";
+        lines.push_back(line.str());
+    }
+    for (const auto& [id, s] : w.sources())
+        if (id != 2)
+            lines.push_back("source " + std::to_string(id) + " " + std::to_string(s->state()) +
+                            " " + std::to_string(s->pitch()) + " " + std::to_string(s->loop()));
+    std::sort(lines.begin(), lines.end());
+    std::ostringstream out;
+    out << std::setprecision(9) << "listener " << w.listenerPosition() << " "
+        << w.listenerRotation();
+    for (const std::string& line : lines)
+        out << "\n" << line;
+    return out.str();
+}
+
+// What an application does over a short while.
+void scene(Kelo::World& world) {
+    Kelo::Source* one = world.createSource(1);
+    one->setParam(true, 1.5f);
+    Kelo::Source* seven = world.createSource(7);  // the servers do not have it
+    Kelo::Emitter* a = world.createEmitter({"front", ""});
+    const osg::Quaternion q(0, 0.6f, 0, 0.8f);
+    const osg::Vec3f p(1, 2, 3);
+    a->setTransform(&p, &q);
+    a->setHull(10, 30, 1, 3);
+    a->setParam(false, 0.5f, 0.25f);
+    a->setSource(one);
+    Kelo::Emitter* b = world.createEmitter({"rear"}, 40000);  // travels as -25536
+    b->setSource(one);
+    a->setState(WorldPart::PLAY);  // reaches the source and, through it, b
+    world.update();
+    Kelo::Emitter* c = world.createEmitter({}, 5);
+    c->setSource(seven);
+    delete c;
+    world.setListenerTransform(osg::Vec3f(0, 1, 0), q);
+    const osg::Vec3f behind(1.9f, 0, -1);
+    b->setTransform(&behind, nullptr);
+    b->setState(WorldPart::PAUSE);
+    delete seven;
+    world.createEmitter({"end"}, 999);
+    world.update();
+}
+
+// A client application's world connected to server.
+struct App : Scene {
+    explicit App(const std::string& server) {
+        client = static_cast<Kelo::ClientBackend*>(
+            addBackend("client", ("servers=" + server + " retry=0.05").c_str()));
+    }
+    Kelo::ClientBackend* client;
+};
+
 // A program that runs while the test goes on, both its streams into a file.
 struct Background {
     explicit Background(std::vector<std::string> args) {
@@ -333,8 +270,7 @@ struct Background {
     std::string output() const { return readFile(log); }
     bool saw(const std::string& text) const { return output().find(text) != std::string::npos; }
     // Sends the signal; the exit code once it has ended (pump running meanwhile), else -1.
-    int exitCode(
-        int signal, const std::function<void()>& pump = [] {}) {
+    int exitCode(int signal, const std::function<void()>& pump) {
         kill(pid, signal);
         int wait = 0;
         if (until([&] { return waitpid(pid, &wait, WNOHANG) == pid; }, pump, 10s))
@@ -353,33 +289,39 @@ std::string freeAddress() {
     return "127.0.0.1:" + std::to_string(acceptor.local_endpoint().port());
 }
 
-TEST(Session, ProgramsRecordAndReplayAtFourTimesTheSpeed) {
-    const std::string file = scratch("programs.kelo"), at = freeAddress();
+// An application's scene through kelo-record, then kelo-replay at four times the speed to a
+// server that records in turn: the same scene, in a quarter of the time, byte for byte.
+TEST(Session, ProgramsRecordAndReplayTheSceneExactlyAtFourTimesTheSpeed) {
+    const std::string file = scratch("programs.kelo"), again = scratch("again.kelo"),
+                      at = freeAddress();
     Background recorder({KELO_RECORD_PROGRAM, "--servers", at, file});
     ASSERT_TRUE(until([&] { return recorder.saw("recording into"); })) << recorder.output();
-    App<> app(at);
+    App app(at);
     ASSERT_TRUE(until([&] { return app.client->servers() == 1; }, [&] { app.update(); }));
     // About 2 s: the scene, then a move every 20 ms.
     const auto start = std::chrono::steady_clock::now();
-    scene(app, [&] { app.update(); });
+    scene(app);
     for (int i = 0; std::chrono::steady_clock::now() - start < 2s; ++i) {
         const osg::Vec3f p(static_cast<float>(i), 0, 0);
         app.getEmitter(999)->setTransform(&p, nullptr);
         std::this_thread::sleep_for(20ms);
     }
     std::this_thread::sleep_for(300ms);  // what was sent has arrived
-    ASSERT_EQ(recorder.exitCode(SIGTERM), 0) << recorder.output();
+    ASSERT_EQ(recorder.exitCode(SIGTERM, [] {}), 0) << recorder.output();
     EXPECT_THAT(recorder.output(), HasSubstr("kelo-record: recorded "));
 
     SoundServer server;
+    Kelo::SessionWriter seen;
+    ASSERT_TRUE(seen.open(again));
+    server.setRecorder(&seen);
     const auto pump = [&] { server.receive(false); };
     Background replay(
         {KELO_REPLAY_PROGRAM, file, "--servers", server.address(), "--speed", "4", "--hold"});
     ASSERT_TRUE(until([&] { return replay.saw("holding the scene"); }, pump, 10s))
         << replay.output();
-    // "played N events (2.31 s of the session) in 0.58 s"
-    std::smatch times;
     const std::string out = replay.output();
+    EXPECT_THAT(out, HasSubstr(", kelo-record on " + at + ") to 1 server at speed 4\n"));
+    std::smatch times;
     ASSERT_TRUE(std::regex_search(
         out, times,
         std::regex(R"(played \d+ events \(([0-9.]+) s of the session\) in ([0-9.]+) s)")))
@@ -388,34 +330,29 @@ TEST(Session, ProgramsRecordAndReplayAtFourTimesTheSpeed) {
     EXPECT_GT(session, 1.9);
     EXPECT_GT(took, session / 4 * 0.7) << out;
     EXPECT_LT(took, session / 4 * 1.5 + 0.1) << out;
+    // Emitter 999's last place comes last: then the whole scene is there.
     ASSERT_TRUE(until([&] { return describe(app) == describe(server); }, pump))
         << describe(app) << "\nagainst\n"
         << describe(server);
+    server.setRecorder(nullptr);  // before the player leaves, which resets the server
+    ASSERT_TRUE(seen.close());
+    // The player's own catch-up of its empty world (a reset and the listener), then everything
+    // the application sent.
+    const auto sent = framesOf(file), got = framesOf(again);
+    ASSERT_EQ(got.size(), sent.size() + 2);
+    EXPECT_TRUE(std::equal(sent.begin(), sent.end(), got.begin() + 2));
     EXPECT_EQ(replay.exitCode(SIGTERM, pump), 0) << replay.output();
-    // A player that leaves resets the server, as the application would have.
     EXPECT_TRUE(until([&] { return server.getEmitter(999) == nullptr; }, pump));
 }
 
-TEST(Session, ReplayStopsAtTheDamageAfterPlayingWhatCameBefore) {
-    const std::string path = scratch("cut.kelo");
-    std::ofstream(path, std::ios::binary) << readFile(threeEvents()).substr(0, kThird + 30);
-    SoundServer server;
-    const auto pump = [&] { server.receive(false); };
-    Background replay({KELO_REPLAY_PROGRAM, path, "--servers", server.address(), "--hold"});
-    ASSERT_TRUE(until([&] { return replay.saw("holding"); }, pump)) << replay.output();
-    EXPECT_THAT(replay.output(),
-                HasSubstr("kelo-replay: " + path +
-                          ": offset 77: record cut short: 18 of 36 bytes of its frame\n"));
-    ASSERT_TRUE(until([&] { return server.getEmitter(4) != nullptr; }, pump));
-    EXPECT_EQ(server.getEmitter(4)->labels(), std::vector<std::string>{"x"});
-    EXPECT_EQ(replay.exitCode(SIGINT, pump), 1);
-}
-
-TEST(Session, FromSkipsAheadAndLoopStartsAgainWithAReset) {
+TEST(Session, ReplayFromSkipsAheadStopsAtDamageAndLoopStartsAgainWithAReset) {
     const std::string late = session("late.kelo", {{0, command(Kelo::ResetWorld, 0)},
-                                                   {0.1, created(4)},
+                                                   {0.1, created(4, {"x"})},
                                                    {30, moved(4, {1, 0, 0})},
                                                    {30.2, created(5)}});
+    const std::string damage = "offset " + std::to_string(readFile(late).size()) +
+                               ": record cut short: 5 of its first 12 bytes\n";
+    std::ofstream(late, std::ios::binary | std::ios::app) << std::string(5, '\0');
     SoundServer server;
     const auto pump = [&] { server.receive(false); };
     {
@@ -423,9 +360,11 @@ TEST(Session, FromSkipsAheadAndLoopStartsAgainWithAReset) {
             {KELO_REPLAY_PROGRAM, late, "--servers", server.address(), "--from", "30", "--hold"});
         // Not 30 s: what came before was applied at once.
         ASSERT_TRUE(until([&] { return from.saw("holding"); }, pump)) << from.output();
+        EXPECT_THAT(from.output(), HasSubstr("kelo-replay: " + late + ": " + damage));
         ASSERT_TRUE(until([&] { return server.getEmitter(5) != nullptr; }, pump));
         EXPECT_EQ(server.getEmitter(4)->position(), osg::Vec3f(1, 0, 0));
-        EXPECT_EQ(from.exitCode(SIGTERM, pump), 0) << from.output();
+        EXPECT_EQ(server.getEmitter(4)->labels(), std::vector<std::string>{"x"});
+        EXPECT_EQ(from.exitCode(SIGTERM, pump), 1) << from.output();
     }
     const std::string file = scratch("loop-seen.kelo");
     Kelo::SessionWriter seen;

@@ -3,11 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <functional>
-#include <future>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -30,20 +27,6 @@ namespace http = boost::beast::http;
 
 namespace {
 
-// Runs f on another thread while this one calls world.update() and then frame(), as a frame
-// loop would: the server answers only from there.
-template <typename F>
-auto whileUpdating(
-    Kelo::World& world, F f, const std::function<void()>& frame = [] {}) {
-    auto result = std::async(std::launch::async, std::move(f));
-    while (result.wait_for(0ms) != std::future_status::ready) {
-        world.update();
-        frame();
-        std::this_thread::sleep_for(1ms);
-    }
-    return result.get();
-}
-
 std::string openLine(uint16_t port) {
     return "Web server open ok: http://" + Lirra::InetAddress::getLocalHostName() + ":" +
            std::to_string(port) + " (listening on 127.0.0.1)\n";
@@ -60,16 +43,18 @@ struct WebTest : ::testing::Test {
     }
     // The replies to GETs of targets, on one kept-alive connection.
     std::vector<Reply> fetch(const std::vector<std::string>& targets) {
-        return whileUpdating(world, [&] {
-            Client client(port);
-            std::vector<Reply> replies;
-            for (const auto& target : targets)
-                replies.push_back(client.get(target));
-            return replies;
-        });
+        return whileStepping(
+            [&] {
+                Client client(port);
+                std::vector<Reply> replies;
+                for (const auto& target : targets)
+                    replies.push_back(client.get(target));
+                return replies;
+            },
+            [&] { world.update(); });
     }
     std::string raw(const std::string& bytes) {
-        return whileUpdating(world, [&] { return Client(port).raw(bytes); });
+        return whileStepping([&] { return Client(port).raw(bytes); }, [&] { world.update(); });
     }
 
     Scene world;
@@ -111,7 +96,6 @@ std::string indexPage(unsigned backends, unsigned sources, unsigned emitters) {
 
 TEST_F(WebTest, OpensOnLoopbackAndServesThePagesOnOneKeptAliveConnection) {
     EXPECT_THAT(created, ElementsAre(openLine(port), "Create new Kelo backend: web\n"));
-    EXPECT_EQ(backend->type()->name(), "web");
     EXPECT_TRUE(std::regex_match(Kelo::WebBackend::buildTime(),
                                  std::regex(R"([A-Z][a-z]{2} [ 123]\d \d{4} \d\d:\d\d:\d\d)")));
 
@@ -128,8 +112,6 @@ TEST_F(WebTest, OpensOnLoopbackAndServesThePagesOnOneKeptAliveConnection) {
     const std::string& style = replies[2].body();  // sent with its final NUL
     EXPECT_EQ(replies[2][http::field::content_type], "text/css");
     ASSERT_EQ(style.size(), 739u);
-    EXPECT_THAT(style, StartsWith("body { color: black; background-color: white; font-family: "
-                                  "sans-serif }\n"));
     EXPECT_EQ(style.substr(699), "tr.public  { background-color: White }\n" + std::string(1, 0));
 
     EXPECT_EQ(replies[3][http::field::content_type], "image/x-icon");
@@ -143,9 +125,7 @@ TEST_F(WebTest, OpensOnLoopbackAndServesThePagesOnOneKeptAliveConnection) {
     EXPECT_THAT(replies[5].body(), HasSubstr("404 Not Found"));
     for (const Reply& reply : replies)
         EXPECT_TRUE(reply.keep_alive());
-}
 
-TEST_F(WebTest, IndexCountsFollowTheWorldAndHeadPostAndQueriesAreHandled) {
     Kelo::Source* source = world.createSource();
     for (int i = 0; i < 3; ++i)
         world.createEmitter()->setSource(source);
@@ -153,68 +133,63 @@ TEST_F(WebTest, IndexCountsFollowTheWorldAndHeadPostAndQueriesAreHandled) {
     EXPECT_EQ(fetch({"/index.html?refresh=1"})[0].body(), indexPage(2, 1, 3));
     world.clearWorld();
     EXPECT_EQ(fetch({"/index.html"})[0].body(), indexPage(2, 0, 0));
-
-    const auto [head, post] = whileUpdating(world, [&] {
-        Client client(port);
-        Reply head = client.request("HEAD", "/Style.css");
-        return std::make_pair(std::move(head), client.request("POST", "/index.html", "x"));
-    });
-    EXPECT_EQ(head.result_int(), 200);
-    EXPECT_EQ(head[http::field::content_length], "739");
-    EXPECT_EQ(head.body(), "");
-    EXPECT_EQ(post.result_int(), 405);
-    EXPECT_EQ(post[http::field::allow], "GET, HEAD");
 }
 
-TEST_F(WebTest, PipelinedRequestsAreAnsweredInOrderAndConnectionCloseIsHonoured) {
+// Pipelined requests are answered in order, HEAD without a body (else the next reply would not
+// parse), nothing after Connection: close; bad requests get their status and a close.
+TEST_F(WebTest, PipelinedHeadPostAndBadRequestsGetTheirAnswers) {
     const std::string get = "GET /index.html HTTP/1.1\r\nHost: x\r\n\r\n";
-    std::string in = raw(get + "GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n" + get);
-    const auto first = takeReply(in), second = takeReply(in);
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(first->body(), indexPage(1, 0, 0));
-    EXPECT_EQ(second->result_int(), 302);
-    EXPECT_EQ(in, "");  // nothing after the close
-}
+    std::string in =
+        raw("HEAD /Style.css HTTP/1.1\r\nHost: x\r\n\r\n"
+            "POST /index.html HTTP/1.1\r\nHost: x\r\nContent-Length: 1\r\n\r\nx" +
+            get + "GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n" + get);
+    const auto head = takeReply(in, true), post = takeReply(in), index = takeReply(in),
+               moved = takeReply(in);
+    ASSERT_TRUE(head && post && index && moved);
+    EXPECT_EQ(head->result_int(), 200);
+    EXPECT_EQ((*head)[http::field::content_length], "739");
+    EXPECT_EQ(post->result_int(), 405);
+    EXPECT_EQ((*post)[http::field::allow], "GET, HEAD");
+    EXPECT_EQ(index->body(), indexPage(1, 0, 0));
+    EXPECT_EQ(moved->result_int(), 302);
+    EXPECT_EQ(in, "");
 
-TEST_F(WebTest, OversizedAndMalformedRequestsAreRefusedAndClosed) {
     for (const auto& [request, status] : std::vector<std::pair<std::string, std::string>>{
              {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n",
               "431 Request Header Fields Too Large"},
              {"POST /index.html HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n",
               "413 Payload Too Large"},
              {"GET /index.html HTTX/1.1\r\n\r\n", "400 Bad Request"}}) {
-        std::string in = raw(request);  // to the close
+        in = raw(request);  // to the close
         EXPECT_THAT(in, StartsWith("HTTP/1.1 " + status + "\r\n"));
         const auto reply = takeReply(in);
         EXPECT_TRUE(reply && !reply->keep_alive()) << status;
     }
 }
 
-// Half a request is never answered and holds nothing: the connection goes at its deadline, and
-// meanwhile many clients with kept-alive connections are all answered while update() stays
-// short.
+// Half a request is never answered and goes at its deadline, while 60 kept-alive clients are all
+// answered and update() stays short: a blocking read or write would stall it.
 TEST_F(WebTest, SlowClientsAreDroppedAtTheDeadlineWhileManyOthersAreServedWithoutStalling) {
     Lirra::PolledWebServer& server = *backend->webServer();
     server.setTimeout(1500ms);
-    // Every client here comes from 127.0.0.1: only the table's size caps them.
-    server.setMaxConnectionsPerAddress(server.maxConnections());
-    const auto since = [](auto start) {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    server.setMaxConnectionsPerAddress(server.maxConnections());  // all come from 127.0.0.1
+    using Clock = std::chrono::steady_clock;
+    const auto since = [](Clock::time_point start) {
+        return std::chrono::duration<double>(Clock::now() - start).count();
     };
     std::vector<std::future<std::pair<std::string, double>>> slow;
     for (int i = 0; i < 5; ++i)
         slow.push_back(std::async(std::launch::async, [&] {
-            const auto start = std::chrono::steady_clock::now();
+            const auto start = Clock::now();
             std::string in = Client(port).raw("GET /index.html HTTP/1.1\r\nHost: 127.");
             return std::make_pair(in, since(start));
         }));
-    const int clients = 60, requests = 5;
     std::vector<std::future<int>> fast;
-    for (int i = 0; i < clients; ++i)
+    for (int i = 0; i < 60; ++i)
         fast.push_back(std::async(std::launch::async, [&] {
             Client client(port);
             int answered = 0;
-            for (int r = 0; r < requests; ++r) {
+            for (int r = 0; r < 5; ++r) {
                 const Reply reply = client.get("/index.html");
                 answered += reply.result_int() == 200 && reply.keep_alive() &&
                             reply.body().find("<TD>Emitter</TD>") != std::string::npos;
@@ -225,7 +200,7 @@ TEST_F(WebTest, SlowClientsAreDroppedAtTheDeadlineWhileManyOthersAreServedWithou
     const auto ready = [](auto& f) { return f.wait_for(0ms) == std::future_status::ready; };
     while (!std::all_of(fast.begin(), fast.end(), ready) ||
            !std::all_of(slow.begin(), slow.end(), ready)) {
-        const auto start = std::chrono::steady_clock::now();
+        const auto start = Clock::now();
         world.update();
         longest = std::max(longest, since(start));
         std::this_thread::sleep_for(1ms);
@@ -233,14 +208,12 @@ TEST_F(WebTest, SlowClientsAreDroppedAtTheDeadlineWhileManyOthersAreServedWithou
     int answered = 0;
     for (auto& f : fast)
         answered += f.get();
-    EXPECT_EQ(answered, clients * requests);
+    EXPECT_EQ(answered, 60 * 5);
     for (auto& f : slow) {
         const auto [in, seconds] = f.get();
         EXPECT_EQ(in, "");
-        EXPECT_GT(seconds, 1.3);
-        EXPECT_LT(seconds, 4.5);
+        EXPECT_TRUE(seconds > 1.3 && seconds < 4.5) << seconds;
     }
-    // A server that read or wrote blockingly would stall here for the slow clients' deadline.
     EXPECT_LT(longest, 0.1);
     EXPECT_TRUE(until([&] { return server.connections() == 0; }, [&] { world.update(); }, 500ms));
 }
@@ -333,17 +306,17 @@ protected:
         const std::string& path, const std::string& switches,
         const std::function<void()>& frame = [] {}) {
         std::filesystem::remove_all(profile);
-        const auto [code, out] = whileUpdating(
-            world,
-            [&] {
-                return runProgram(
-                    "{ timeout -s KILL 60 /usr/bin/chromium --headless --no-sandbox "
-                    "--disable-gpu --disable-dev-shm-usage --disable-background-networking "
-                    "--disable-component-update --disable-sync --no-first-run --user-data-dir=" +
-                    profile + " " + switches + " http://127.0.0.1:" + std::to_string(port) + path +
-                    " 2>/dev/null; }");
-            },
-            frame);
+        const std::string command =
+            "{ timeout -s KILL 60 /usr/bin/chromium --headless --no-sandbox --disable-gpu "
+            "--disable-dev-shm-usage --disable-background-networking --disable-component-update "
+            "--disable-sync --no-first-run --user-data-dir=" +
+            profile + " " + switches + " http://127.0.0.1:" + std::to_string(port) + path +
+            " 2>/dev/null; }";
+        const auto [code, out] = whileStepping([&] { return runProgram(command); },
+                                               [&] {
+                                                   world.update();
+                                                   frame();
+                                               });
         EXPECT_EQ(code, 0) << "the browser failed or did not finish within 60 s";
         return out;
     }

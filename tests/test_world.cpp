@@ -174,11 +174,9 @@ TEST(WorldLifecycle, UpdatePrintVirtualCallsCopyAndBackendDeletion) {
 
 TEST(WorldLifecycle, DestroyedWithPartsLeftComplainsAndDeletesNothing) {
     LogCapture log;
-    Kelo::Emitter* left = nullptr;
-    {
-        Kelo::World world;
-        left = world.createEmitter();
-    }
+    auto* world = new Kelo::World;
+    Kelo::Emitter* left = world->createEmitter();
+    delete world;
     EXPECT_EQ(log.text(osg::LOG_FATAL), "clearWorld() should be called in derived World dest.\n");
     // The emitter outlived its world; its destructor would reach the dead world, so only
     // its storage is released (it holds no other memory).
