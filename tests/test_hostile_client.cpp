@@ -228,8 +228,9 @@ TEST(ClientParameters, GoodValuesAreTakenAndNamedServersCapped) {
 // Runs program with each set of bad arguments: it must stop with code 2, naming the last option
 // given (or the first word) and before printing running, and answer --help with code 0 and
 // helpText.
-void expectRefused(const std::string& program, std::initializer_list<const char*> cases,
-                   const char* running, const char* helpText) {
+[[maybe_unused]] void expectRefused(const std::string& program,
+                                    std::initializer_list<const char*> cases, const char* running,
+                                    const char* helpText) {
     for (const std::string args : cases) {
         const auto [code, output] = runProgram(program + " " + args);
         const size_t option = args.rfind("--");
