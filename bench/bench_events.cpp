@@ -165,6 +165,28 @@ void BM_DecodeInto(benchmark::State& state) {
         static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
 }
 
+// Sending a transform through Event::send, as a client backend does, after the sending thread
+// has sent a sound's data of range(0) bytes (0: none). The buffer keeps up to 1 MiB of room;
+// what each small event costs must not depend on it.
+void BM_SendAfterLargeFrame(benchmark::State& state) {
+    struct Discard : Lirra::Sender {
+        bool write(const uint8_t* bytes, size_t count) override {
+            benchmark::DoNotOptimize(bytes);
+            return count > 0;
+        }
+    } sink;
+    if (const auto size = static_cast<uint64_t>(state.range(0))) {
+        Kelo::SourceDataEvent data = sample<Kelo::SourceDataEvent>();
+        const std::vector<unsigned char> bytes(size, 1);
+        data.setData(bytes.data(), size);
+        data.send(&sink);
+    }
+    Kelo::TransformEvent event = sample<Kelo::TransformEvent>();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(event.send(&sink));
+}
+BENCHMARK(BM_SendAfterLargeFrame)->Arg(0)->Arg(600'000);
+
 #define KELO_EVENT_BENCHMARKS(T)            \
     BENCHMARK_TEMPLATE(BM_Encode, T);       \
     BENCHMARK_TEMPLATE(BM_RoundTrip, T);    \

@@ -93,16 +93,19 @@ void Event::getField(std::string& value) {
 
 void Event::grow(size_t count) {
     const size_t written = static_cast<size_t>(_outPos - _out->data());
-    _out->resize(std::max({_out->capacity(), 2 * _out->size(), written + count + 64}));
+    // Doubling keeps a large frame to a few resizes; only what is opened gets zeroed.
+    _out->resize(std::max(2 * _out->size(), written + count + 64));
     _outPos = _out->data() + written;
     _outEnd = _out->data() + _out->size();
 }
 
 void Event::encode(std::vector<uint8_t>& out) {
-    // Open the whole buffer (or room for a typical frame) at once and trim it afterwards: one
-    // resize each way instead of one per field.
+    // Open room for a typical frame at once and trim it afterwards: one resize each way instead
+    // of one per field. Not the buffer's whole capacity: resizing zeroes what it opens, and a
+    // buffer that kept the room of a large frame (a sound's data, say) would have all of it
+    // zeroed again for every small event after it.
     const size_t start = out.size();
-    out.resize(std::max(out.capacity(), start + kHeaderSize + 64));
+    out.resize(start + kHeaderSize + 64);
     _out = &out;
     _outPos = out.data() + start + kHeaderSize;
     _outEnd = out.data() + out.size();
