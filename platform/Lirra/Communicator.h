@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Lirra/Bytes.h"
 #include "Lirra/Event.h"
 
 namespace Lirra {
@@ -51,7 +52,7 @@ private:
     void discardRead();
 
     std::shared_ptr<detail::Connection> _connection;
-    std::vector<uint8_t> _buffer;
+    detail::Bytes _buffer;
     size_t _read = 0;
     size_t _held = 0;  // bytes of _buffer still counted in the hub's held bytes
 };

@@ -72,11 +72,11 @@ std::string describe(const asio::ip::tcp::socket& socket) {
 
 }  // namespace
 
-void shrink(std::vector<uint8_t>& buffer, size_t above) {
+void shrink(Bytes& buffer, size_t above) {
     if (buffer.capacity() <= above || buffer.size() > buffer.capacity() / 4)
         return;
     const bool large = buffer.capacity() > kLargeCapacity;
-    std::vector<uint8_t>(buffer.begin(), buffer.end()).swap(buffer);
+    Bytes(buffer.begin(), buffer.end()).swap(buffer);
 #ifdef __GLIBC__
     // The allocator keeps freed memory of the sizes it has seen lately for reuse; after a
     // frame of tens of MiB that is far more than a connection will need again soon.
@@ -212,7 +212,6 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, s
       _watch(_socket.get_executor()),
       _hub(std::move(hub)),
       _peer(describe(_socket)),
-      _readChunk(kReadChunk),
       _protocol(protocolOf(_socket)),
       _own(_hub->chunks),
       _sendLimit(sendLimit),
@@ -325,7 +324,7 @@ void Connection::drain() {
     while (more) {
         {
             std::lock_guard<std::mutex> lock(_hub->mutex);
-            more = pollable() && pull() == _readChunk.size();
+            more = pollable() && pull() == kReadChunk;
             paused = _readPaused;
         }
         _hub->wake();
@@ -342,18 +341,24 @@ bool Connection::pollable() const {
 }
 
 size_t Connection::pull() {
-    if (_rx.capacity() < kKeptCapacity)
-        _rx.reserve(kKeptCapacity);
-    const ssize_t n = ::recv(_fd, _readChunk.data(), _readChunk.size(), MSG_DONTWAIT);
-    if (n <= 0) {
-        if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
-            _peerClosed = true;
-        return 0;
-    }
-    const auto count = static_cast<size_t>(n);
-    _lastReceived = Clock::now();
+    const size_t before = _rx.size();
+    size_t count = 0;
     try {
-        received(count);
+        if (_rx.capacity() < kKeptCapacity)
+            _rx.reserve(kKeptCapacity);
+        // Straight into the buffer, behind what it holds: what arrives is not copied again.
+        _rx.resize(before + kReadChunk);
+        const ssize_t n = ::recv(_fd, _rx.data() + before, kReadChunk, MSG_DONTWAIT);
+        const int error = errno;
+        count = n > 0 ? static_cast<size_t>(n) : 0;
+        _rx.resize(before + count);
+        if (n <= 0) {
+            if (n == 0 || (error != EAGAIN && error != EWOULDBLOCK && error != EINTR))
+                _peerClosed = true;
+            return 0;
+        }
+        _lastReceived = Clock::now();
+        received();
     } catch (const std::exception& e) {
         // Out of memory, most likely: this connection goes, the others stay.
         _fault.why = std::string("cannot take in what it sent: ") + e.what();
@@ -365,7 +370,7 @@ size_t Connection::pull() {
 }
 
 void Connection::pullForReader() {
-    while (pollable() && pull() == _readChunk.size()) {
+    while (pollable() && pull() == kReadChunk) {
     }
     if (_peerClosed || _fault.peerLeft || !_fault.why.empty())
         asio::post(_socket.get_executor(), [self = shared_from_this()] { self->settle(); });
@@ -444,8 +449,7 @@ bool Connection::settle() {
     return false;
 }
 
-void Connection::received(size_t count) {
-    _rx.insert(_rx.end(), _readChunk.begin(), _readChunk.begin() + static_cast<long>(count));
+void Connection::received() {
     // Walk the frames that are now whole. Connection-level frames are taken out (the event
     // frames behind them move up), and each frame's announced length is counted against the
     // budget as soon as it is known, before its bytes are held.
@@ -548,7 +552,7 @@ void Connection::received(size_t count) {
     _frameLength = _pendingReserve ? _pendingReserve - 4 : 0;
 }
 
-size_t Connection::takeFrames(std::vector<uint8_t>& out) {
+size_t Connection::takeFrames(Bytes& out) {
     const size_t count = _complete;
     if (count && out.empty()) {
         // The usual case: the buffers change places, and only a frame under way is copied.

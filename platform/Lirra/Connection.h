@@ -19,6 +19,7 @@
 
 #include <boost/asio.hpp>
 
+#include "Lirra/Bytes.h"
 #include "Lirra/MultiCommunicator.h"
 
 namespace Lirra {
@@ -152,7 +153,7 @@ constexpr size_t kReceiveBacklog = kKeptCapacity - kReadChunk;
 constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;
 // Gives back a buffer's room beyond what it holds, when that room is more than above and
 // mostly unused. After a large frame the freed memory goes back to the system at once.
-void shrink(std::vector<uint8_t>& buffer, size_t above = kKeptCapacity);
+void shrink(Bytes& buffer, size_t above = kKeptCapacity);
 
 // A peer speaks first: "KELO" and the protocol version, little-endian.
 constexpr uint8_t kPreamble[8] = {'K', 'E', 'L', 'O', 1, 0, 0, 0};
@@ -200,7 +201,7 @@ public:
     // Receiving side, under the hub's lock: moves the complete frames received so far to the
     // end of out. Returns the number of bytes moved. They stay counted in the hub's held
     // bytes until the reader releases them.
-    size_t takeFrames(std::vector<uint8_t>& out);
+    size_t takeFrames(Bytes& out);
     bool hasFrames() const { return _complete > 0; }  // hub lock held
     bool lost() const { return _lost; }               // hub lock held
     // The reader may read the socket itself: the connection is open and not paused.
@@ -229,7 +230,7 @@ private:
     // One non-blocking read and the walk of the frames it completes; the bytes read. Hub lock
     // held, from the network thread or the reader.
     size_t pull();
-    void received(size_t count);  // hub lock held
+    void received();  // the bytes just read are in _rx; hub lock held
     // Drops the connection for a fault of the peer's, telling it why (network thread).
     void drop(const std::string& why, const std::string& reason);
     void goodbye(const std::string& reason);  // hub lock held
@@ -265,7 +266,7 @@ private:
     bool _shut = false;
 
     // Receiving, guarded by the hub's lock: [0, _complete) of _rx are whole frames.
-    std::vector<uint8_t> _rx;
+    Bytes _rx;
     size_t _complete = 0;
     bool _lost = false;
     bool _readPaused = false;
@@ -280,7 +281,6 @@ private:
         bool peerLeft = false;
     };
     Fault _fault;
-    std::vector<uint8_t> _readChunk;
     uint8_t _peerPreamble[8] = {};
 
     // The frame under way, for its deadline; guarded by the hub's lock.
