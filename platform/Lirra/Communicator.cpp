@@ -18,7 +18,7 @@ Communicator::~Communicator() {
 bool Communicator::write(const uint8_t* bytes, size_t count) {
     // Frames written to the whole set before this one go first.
     {
-        std::lock_guard<std::mutex> lock(_connection->hub().mutex);
+        std::lock_guard<detail::SpinningMutex> lock(_connection->hub().mutex);
         _connection->hub().publish();
     }
     return _connection->write(bytes, count);
@@ -60,7 +60,7 @@ bool Communicator::readExact(uint8_t* bytes, size_t count) {
     if (buffered() < count) {
         // Only whole frames are handed over, so a frame read in pieces is all here already;
         // this takes what arrived since and fails if the peer has gone without sending it.
-        std::lock_guard<std::mutex> lock(_connection->hub().mutex);
+        std::lock_guard<detail::SpinningMutex> lock(_connection->hub().mutex);
         refill();
         if (buffered() < count)
             return false;

@@ -266,7 +266,7 @@ void Connection::preambleRead(const boost::system::error_code& ec) {
     }
     _handshakeDone = true;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         _lastReceived = Clock::now();
     }
     try {
@@ -323,7 +323,7 @@ void Connection::drain() {
     bool paused = false;
     while (more) {
         {
-            std::lock_guard<std::mutex> lock(_hub->mutex);
+            std::lock_guard<SpinningMutex> lock(_hub->mutex);
             more = pollable() && pull() == kReadChunk;
             paused = _readPaused;
         }
@@ -395,7 +395,7 @@ void Connection::detach() {
     if (_shut || _lingering || !_handshakeDone || _detached)
         return;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         if (!_lent || !pollable())
             return;  // taken back meanwhile, or the reader no longer reads it
     }
@@ -433,7 +433,7 @@ bool Connection::settle() {
     Fault fault;
     bool closed = false;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         fault = std::move(_fault);
         _fault = Fault();
         closed = _peerClosed;
@@ -629,7 +629,7 @@ bool Connection::check() {
     uint32_t length = 0;
     Clock::time_point lastReceived;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         shrink(_rx, kKeptCapacity);
         if (_readPaused) {
             // The reader is behind, not the peer: the clocks start again when reading resumes.
@@ -729,7 +729,7 @@ void Connection::enqueue(const uint8_t* bytes, size_t count, const std::shared_p
 }
 
 void Connection::publishShared() {
-    std::lock_guard<std::mutex> lock(_hub->mutex);
+    std::lock_guard<SpinningMutex> lock(_hub->mutex);
     _hub->publish();
 }
 
@@ -815,7 +815,7 @@ void Connection::refuse(const std::string& reason) {
         enqueue(frame.data(), frame.size(), nullptr, 0);
     }
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         lose();
     }
     _hub->wake();
@@ -857,7 +857,7 @@ void Connection::fail(const char* why) {
     if (why)
         LIRRA_LOG_LIMITED(osg::LOG_WARNING, "Dropped connection to %s: %s\n", _peer.c_str(), why);
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<SpinningMutex> lock(_hub->mutex);
         lose();
     }
     {

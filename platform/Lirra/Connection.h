@@ -25,8 +25,8 @@
 namespace Lirra {
 namespace detail {
 
-// A mutex that spins a little before it sleeps: the send queue's lock is held for a few
-// dozen instructions at a time, by the sending thread and the network thread in turn, and a
+// A mutex that spins a little before it sleeps: the send queue's and the hub's locks are held
+// for short steps, by the sending thread, the network thread and the reader in turn, and a
 // sleep and a wake-up each time they meet cost far more than the wait.
 class SpinningMutex {
 public:
@@ -91,8 +91,10 @@ struct Hub {
     Hub(const Hub&) = delete;
     Hub& operator=(const Hub&) = delete;
 
-    std::mutex mutex;
-    std::condition_variable ready;
+    // Taken for every frame written, and by the network thread and the reader: under a stream
+    // they meet on it all the time.
+    SpinningMutex mutex;
+    std::condition_variable_any ready;
     // The reader waits in poll() on its connections' sockets and on this eventfd, so that a
     // frame's arrival wakes it directly rather than through the network thread. -1 when it
     // could not be made: the reader then waits on the condition variable.

@@ -29,7 +29,7 @@ struct MultiClient::Impl {
         auto c = server.connection.lock();
         if (!c)
             return false;
-        std::lock_guard<std::mutex> lock(c->hub().mutex);
+        std::lock_guard<detail::SpinningMutex> lock(c->hub().mutex);
         return !c->lost();
     }
 

@@ -24,7 +24,7 @@ MultiCommunicator::~MultiCommunicator() {
 void MultiCommunicator::close() {
     std::vector<Communicator*> members;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
         _hub->publish();
         members.swap(_members);
         _hub->senders.clear();
@@ -51,7 +51,7 @@ const char* refusalName(Refusal refusal) {
 }
 
 bool MultiCommunicator::write(const uint8_t* bytes, size_t count) {
-    std::lock_guard<std::mutex> lock(_hub->mutex);
+    std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
     if (_members.empty())
         return false;
     // Copied once; every connection's queue refers to the same bytes. While every connection
@@ -82,7 +82,7 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
     if (!communicator)
         return false;
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
         if (std::find(_members.begin(), _members.end(), communicator) != _members.end())
             return false;
         _hub->publish();  // what was written before it joined is not for it
@@ -95,7 +95,7 @@ bool MultiCommunicator::addCommunicator(Communicator* communicator) {
 }
 
 void MultiCommunicator::removeCommunicator(Communicator* communicator) {
-    std::lock_guard<std::mutex> lock(_hub->mutex);
+    std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
     _hub->publish();
     _members.erase(std::remove(_members.begin(), _members.end(), communicator), _members.end());
     communicator->_connection->takeBack();  // read by its own reader, if any, from now on
@@ -119,7 +119,7 @@ bool MultiCommunicator::receiveCommunicator(Communicator*& communicator) {
         communicator = _current;
         return true;
     }
-    std::unique_lock<std::mutex> lock(_hub->mutex);
+    std::unique_lock<detail::SpinningMutex> lock(_hub->mutex);
     for (;;) {
         if (_broken)
             return false;
@@ -139,7 +139,7 @@ bool MultiCommunicator::receiveCommunicator(Communicator*& communicator) {
     }
 }
 
-void MultiCommunicator::waitForSockets(std::unique_lock<std::mutex>& lock,
+void MultiCommunicator::waitForSockets(std::unique_lock<detail::SpinningMutex>& lock,
                                        const std::chrono::steady_clock::time_point* deadline) {
     using Clock = std::chrono::steady_clock;
     // Under a stream of events the network thread reads ahead, in large pieces, while this
@@ -208,14 +208,14 @@ bool MultiCommunicator::anyInput() const {
 }
 
 bool MultiCommunicator::waitForCommunicators() {
-    std::unique_lock<std::mutex> lock(_hub->mutex);
+    std::unique_lock<detail::SpinningMutex> lock(_hub->mutex);
     _hub->ready.wait(lock, [this] { return _broken || !_members.empty(); });
     return !_broken;
 }
 
 void MultiCommunicator::breakWait() {
     {
-        std::lock_guard<std::mutex> lock(_hub->mutex);
+        std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
         _broken = true;
     }
     _hub->wake();
@@ -226,7 +226,7 @@ bool MultiCommunicator::communicatorsAvail(int& count) {
         count = 1;  // at least this one; enough to keep reading without the lock
         return true;
     }
-    std::lock_guard<std::mutex> lock(_hub->mutex);
+    std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
     count = static_cast<int>(
         std::count_if(_members.begin(), _members.end(), [this](auto* c) { return hasInput(c); }));
     // What arrived while this thread polled is applied: the network thread reads ahead again,
@@ -240,7 +240,7 @@ bool MultiCommunicator::communicatorsAvail(int& count) {
 bool MultiCommunicator::waitForInput(double seconds) {
     if (_current && _current->buffered() > 0)
         return true;
-    std::unique_lock<std::mutex> lock(_hub->mutex);
+    std::unique_lock<detail::SpinningMutex> lock(_hub->mutex);
     auto ready = [this] { return _broken || anyInput(); };
     const auto deadline =
         std::chrono::steady_clock::now() +
@@ -320,7 +320,7 @@ uint64_t MultiCommunicator::sentBytes() const {
 }
 
 size_t MultiCommunicator::queuedBytes() const {
-    std::lock_guard<std::mutex> lock(_hub->mutex);
+    std::lock_guard<detail::SpinningMutex> lock(_hub->mutex);
     size_t bytes = 0;
     for (const Communicator* c : _members)
         bytes += c->_connection->queued();

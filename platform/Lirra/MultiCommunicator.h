@@ -18,6 +18,7 @@ namespace Lirra {
 namespace detail {
 struct Hub;
 class ChunkWriter;
+class SpinningMutex;
 }  // namespace detail
 
 // Why the connection layer refused a frame or dropped a connection, for monitoring.
@@ -122,7 +123,7 @@ private:
     // Waits, with the lock released, for input, a change of the set, or the deadline (null:
     // none). After a quiet spell it polls the sockets and reads them itself, so that an
     // arrival wakes this thread directly, not through the network thread.
-    void waitForSockets(std::unique_lock<std::mutex>& lock,
+    void waitForSockets(std::unique_lock<detail::SpinningMutex>& lock,
                         const std::chrono::steady_clock::time_point* deadline);
     // The network thread watches the sockets lent for a poll again (hub lock held).
     void takeBack();
