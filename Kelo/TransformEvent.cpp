@@ -30,10 +30,10 @@ void TransformEvent::addFields() {
 
 void TransformEvent::getFields() {
     CommandEvent::getFields();
-    float values[7];
-    getFloats(values, 7);
-    _position = osg::Vec3f(values[0], values[1], values[2]);
-    _rotation = osg::Quaternion(values[3], values[4], values[5], values[6]);  // not normalised
+    // Straight into the members. Through one array of seven, the copy stored the bytes in two
+    // overlapping pieces and read them back across both, a stall of a dozen cycles or more.
+    getFloats(&_position[0], 3);
+    getFloats(&_rotation[0], 4);  // not normalised
 }
 
 }  // namespace Kelo
