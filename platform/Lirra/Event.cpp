@@ -93,8 +93,9 @@ void Event::getField(std::string& value) {
 
 void Event::grow(size_t count) {
     const size_t written = static_cast<size_t>(_outPos - _out->data());
-    // Doubling keeps a large frame to a few resizes; only what is opened gets zeroed.
-    _out->resize(std::max(2 * _out->size(), written + count + 64));
+    // The frame's room doubles: a large frame takes a few resizes, and only what is opened gets
+    // zeroed, however much the buffer already holds before the frame.
+    _out->resize(written + std::max(count + 64, written - _outBegin));
     _outPos = _out->data() + written;
     _outEnd = _out->data() + _out->size();
 }
@@ -107,6 +108,7 @@ void Event::encode(std::vector<uint8_t>& out) {
     const size_t start = out.size();
     out.resize(start + kHeaderSize + 64);
     _out = &out;
+    _outBegin = start;
     _outPos = out.data() + start + kHeaderSize;
     _outEnd = out.data() + out.size();
     addFields();

@@ -212,6 +212,7 @@ private:
     std::vector<uint8_t>* _out = nullptr;
     uint8_t* _outPos = nullptr;
     uint8_t* _outEnd = nullptr;
+    size_t _outBegin = 0;  // where the frame being written starts in *_out
     const uint8_t* _in = nullptr;
     const uint8_t* _inEnd = nullptr;
     const char* _failure = nullptr;
