@@ -113,6 +113,30 @@ TEST(EventFrames, RoundTripsKeepEveryFieldBitForBit) {
     EXPECT_EQ(back->rotation(), osg::Quaternion(0, 0, 2, 3));
 }
 
+// Frames go behind what the buffer holds, which stays as it was, including a frame that outgrows
+// the room opened for a typical one.
+TEST(EventFrames, EncodeAppendsBehindWhatTheBufferHolds) {
+    Kelo::CreateEmitterEvent c;
+    c.setCommand(Kelo::CreateEmitter);
+    c.setId(2);
+    c.setLabels({std::string(100, 'a'), std::string(300, 'b')});
+    Kelo::TransformEvent t;
+    t.setPosition(osg::Vec3f(1, 2, 3));
+    Bytes out(70000);
+    for (size_t i = 0; i < out.size(); ++i)
+        out[i] = static_cast<uint8_t>(i * 7);
+    const Bytes before = out;
+    for (Lirra::Event* e : {static_cast<Lirra::Event*>(&c), static_cast<Lirra::Event*>(&t)}) {
+        e->setStamp(Kelo::CommandEvent::kSenderStamp);
+        e->encode(out);
+    }
+    Bytes expected = before;
+    for (const Bytes& f : {frame(c), frame(t)})
+        expected.insert(expected.end(), f.begin(), f.end());
+    EXPECT_EQ(out, expected);
+    EXPECT_EQ(frame(c).size(), 4 + 8 + 4 + 4 + 100 + 4 + 300);
+}
+
 // Decoding into an object that already holds values, as a receiver reusing one would.
 void refill(Lirra::Event& target, Lirra::Event& from) {
     const Bytes f = frame(from);
