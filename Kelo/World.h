@@ -105,10 +105,8 @@ private:
         static constexpr int kIndexed = 32768;
         static bool covers(int id) { return id > 0 && id < kIndexed; }
         Part* find(int id) const {
-            if (!covers(id))
-                return nullptr;
-            const auto& page = _pages[static_cast<size_t>(id) >> kPageBits];
-            return page ? page[static_cast<size_t>(id) & kPageMask] : nullptr;
+            Part* const* at = slot(id);
+            return at ? *at : nullptr;
         }
         // May throw; put() then cannot.
         void makeRoom(int id) {
@@ -119,19 +117,21 @@ private:
                 page = std::make_unique<Part*[]>(kPageSize);
         }
         void put(int id, Part* part) noexcept {
-            if (covers(id))
-                _pages[static_cast<size_t>(id) >> kPageBits][static_cast<size_t>(id) & kPageMask] =
-                    part;
+            if (Part** at = slot(id))
+                *at = part;
         }
-        void remove(int id) noexcept {
-            if (covers(id))
-                if (auto& page = _pages[static_cast<size_t>(id) >> kPageBits])
-                    page[static_cast<size_t>(id) & kPageMask] = nullptr;
-        }
+        void remove(int id) noexcept { put(id, nullptr); }
 
     private:
         static constexpr size_t kPageBits = 10, kPageSize = size_t{1} << kPageBits,
                                 kPageMask = kPageSize - 1;
+        // Where id's part is kept; null when id is not covered or its page is not made yet.
+        Part** slot(int id) const {
+            if (!covers(id))
+                return nullptr;
+            const auto& page = _pages[static_cast<size_t>(id) >> kPageBits];
+            return page ? &page[static_cast<size_t>(id) & kPageMask] : nullptr;
+        }
         std::array<std::unique_ptr<Part*[]>, kIndexed / kPageSize> _pages;
     };
 
