@@ -165,6 +165,12 @@ ClientBackend::ClientBackend(World& world, const char* params) : Backend(world, 
         else
             badParam("sendLimit", text, "bytes from 65536 to 1073741824");
     }
+    if (const char* text = param(*this, "gather")) {
+        if (const auto value = number(text, 0, Lirra::MultiCommunicator::kMaxGatherMicros))
+            client.setGatherTime(static_cast<unsigned>(*value));
+        else
+            badParam("gather", text, "microseconds from 0 to 1000");
+    }
     client.open();
     if (servers)
         connectNamed(client, servers);

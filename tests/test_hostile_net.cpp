@@ -119,24 +119,30 @@ uint32_t readInOrder(Lirra::MultiServer& server, uint32_t count, double wait) {
     return expected;
 }
 
+// Written at once, and gathered after each write for the longest time allowed: the last
+// frames, left behind a write with none following, go out too.
 TEST(HostileNet, ABurstArrivesWholeAndInOrderAmongKeepAlives) {
-    BareServer server;
-    server.setKeepAliveInterval(0.01);
-    Lirra::MultiClient client;
-    connectedClient(client, server.listeningPort(), 0.01);
-    ASSERT_TRUE(until([&] { return server.size() == 1 && client.size() == 1; }));
-    constexpr uint32_t kCount = 300000;
-    std::thread sender([&] {
-        Numbered event;
-        for (event.value = 1; event.value <= kCount; ++event.value) {
-            event.send(&client);
-            if (event.value % 50000 == 0)
-                std::this_thread::sleep_for(30ms);  // quiet spells: keep-alives go between
-        }
-    });
-    EXPECT_EQ(readInOrder(server, kCount, 0.1), kCount + 1);
-    sender.join();
-    EXPECT_EQ(server.size(), 1u);
+    for (const unsigned gather : {0u, Lirra::MultiCommunicator::kMaxGatherMicros}) {
+        SCOPED_TRACE(gather);
+        BareServer server;
+        server.setKeepAliveInterval(0.01);
+        Lirra::MultiClient client;
+        client.setGatherTime(gather);
+        connectedClient(client, server.listeningPort(), 0.01);
+        ASSERT_TRUE(until([&] { return server.size() == 1 && client.size() == 1; }));
+        constexpr uint32_t kCount = 300000;
+        std::thread sender([&] {
+            Numbered event;
+            for (event.value = 1; event.value <= kCount; ++event.value) {
+                event.send(&client);
+                if (event.value % 50000 == 0)
+                    std::this_thread::sleep_for(30ms);  // quiet spells: keep-alives go between
+            }
+        });
+        EXPECT_EQ(readInOrder(server, kCount, 0.1), kCount + 1);
+        sender.join();
+        EXPECT_EQ(server.size(), 1u);
+    }
 }
 
 size_t openDescriptors() {
@@ -341,6 +347,9 @@ TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
     client.setIdleLimit(-1);
     client.setIdleLimit(NAN);
     EXPECT_EQ(client.idleLimit(), 0.0);
+    client.setGatherTime(1001);
+    EXPECT_EQ(client.gatherTime(), Lirra::MultiCommunicator::kDefaultGatherMicros);
+    EXPECT_TRUE(log.has("Ignored a gather time of 1001 us: from 0 to 1000 us"));
 }
 
 TEST(HostileNet, AHandlerThatThrowsDoesNotStopTheNetworkThread) {

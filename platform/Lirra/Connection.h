@@ -130,6 +130,9 @@ struct Hub {
     std::atomic<double> frameGrace{5};
     std::atomic<double> frameMinRate{1 << 20};
     std::atomic<double> keepAlive{5};
+    // How long a connection with a backlog waits for more frames after a write, when less
+    // than kGatherBelow is waiting: see Connection::flush().
+    std::atomic<unsigned> gatherMicros{MultiCommunicator::kDefaultGatherMicros};
 
     // For monitoring. The sent counts are added to under the lock by MultiCommunicator::write.
     std::atomic<uint64_t> sentFrames{0};
@@ -156,6 +159,9 @@ constexpr size_t kLargeCapacity = 2 * kReceiveBacklog;
 // Gives back a buffer's room beyond what it holds, when that room is more than above and
 // mostly unused. After a large frame the freed memory goes back to the system at once.
 void shrink(Bytes& buffer, size_t above = kKeptCapacity);
+
+// A backlog this large goes out at once after a write; a smaller one waits a little for more.
+constexpr size_t kGatherBelow = 16 * 1024;
 
 // A peer speaks first: "KELO" and the protocol version, little-endian.
 constexpr uint8_t kPreamble[8] = {'K', 'E', 'L', 'O', 1, 0, 0, 0};
@@ -242,7 +248,9 @@ private:
     // The idle limit, the frame deadline and the keep-alive; false once the connection is
     // dropped.
     bool check();
-    void flush();
+    // Writes what is queued. Right after a write (afterWrite), a backlog under kGatherBelow
+    // first waits for more, up to the hub's gather time.
+    void flush(bool afterWrite = false);
     // Hub::publish() for this connection's set, from the network thread.
     void publishShared();
     // write() of either kind: chunk null for bytes that are copied. _txMutex held.
@@ -261,6 +269,7 @@ private:
     boost::asio::ip::tcp::socket _socket;
     boost::asio::steady_timer _deadline;  // the handshake, then the goodbye's linger
     boost::asio::steady_timer _watch;     // idle, frame deadline, keep-alive
+    boost::asio::steady_timer _gather;    // a small backlog's wait for more
     std::shared_ptr<Hub> _hub;
     std::string _peer;
     Handshaken _handshaken;

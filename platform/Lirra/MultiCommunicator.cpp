@@ -311,6 +311,19 @@ void MultiCommunicator::setKeepAliveInterval(double seconds) {
     _hub->keepAlive.store(seconds, std::memory_order_relaxed);
 }
 
+unsigned MultiCommunicator::gatherTime() const {
+    return _hub->gatherMicros.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setGatherTime(unsigned microseconds) {
+    if (microseconds > kMaxGatherMicros) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a gather time of %u us: from 0 to %u us\n",
+                  microseconds, kMaxGatherMicros);
+        return;
+    }
+    _hub->gatherMicros.store(microseconds, std::memory_order_relaxed);
+}
+
 uint64_t MultiCommunicator::sentFrames() const {
     return _hub->sentFrames.load(std::memory_order_relaxed);
 }

@@ -98,6 +98,12 @@ public:
     // more).
     double keepAliveInterval() const;
     void setKeepAliveInterval(double seconds);
+    // How long, in microseconds, a connection whose frames come faster than it writes them
+    // waits for more when a write leaves only a few behind, so that a stream goes out in
+    // large pieces; 0 writes them at once. Up to kMaxGatherMicros.
+    unsigned gatherTime() const;
+    void setGatherTime(unsigned microseconds);
+    static constexpr unsigned kDefaultGatherMicros = 50, kMaxGatherMicros = 1000;
 
     // Counts since construction, readable from any thread. Frames and bytes that write() gave
     // to the connections of the set, once for each connection that took them.
