@@ -474,5 +474,11 @@ void Server::setIdleLimit(double seconds) {
 double Server::idleLimit() const {
     return _communicator->idleLimit();
 }
+void Server::setBusyPoll(unsigned microseconds) {
+    _communicator->setBusyPoll(microseconds);
+}
+unsigned Server::busyPoll() const {
+    return _communicator->busyPoll();
+}
 
 }  // namespace Kelo

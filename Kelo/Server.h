@@ -123,6 +123,11 @@ public:
     // Seconds without a byte from a client before it is dropped (0: never).
     void setIdleLimit(double seconds);
     double idleLimit() const;
+    // Microseconds after the last input during which the receiving thread polls without
+    // sleeping (0, the default: it sleeps at once). A play command that comes within them is
+    // taken without a wake-up, at the price of a busy processor. Up to a second.
+    void setBusyPoll(unsigned microseconds);
+    unsigned busyPoll() const;
 
     // Every command event received from a client is written to the recorder, with the time it
     // arrived, before it is applied (null: none, the default). The recorder must outlive the

@@ -24,6 +24,7 @@
 #include <Kelo/SessionWriter.h>
 #include <Kelo/Source.h>
 #include <Lirra/InetAddress.h>
+#include <Lirra/MultiCommunicator.h>
 #include <Lirra/Multicast.h>
 #include <Lirra/URL.h>
 #include <Parmel/ParamLine.h>
@@ -110,6 +111,7 @@ struct Settings {
     // Zero, or below zero for the idle limit: the library's default.
     size_t maxClients = 0, receiveBudget = 0;
     double idleLimit = -1;
+    unsigned busyPoll = 0;  // microseconds; 0 sleeps at once
     // The session file (empty: none) and the bytes it may take (0: no limit).
     std::string record;
     uint64_t recordLimit = 0;
@@ -120,7 +122,7 @@ struct Texts {
     std::string id, host, port = "0", group = Lirra::Multicast::kDefaultGroup,
                           groupPort = std::to_string(Lirra::Multicast::kDefaultPort), ttl = "1",
                           interface = "0.0.0.0", logLevel, wav = "kelo-server.wav", maxClients,
-                          receiveBudget, idleLimit, device, hrtf, frequency;
+                          receiveBudget, idleLimit, busyPoll, device, hrtf, frequency;
     bool noMulticast = false, exclusive = false, listDevices = false, deviceGiven = false;
     // --web, --web-host
     std::string web, webHost = "127.0.0.1";
@@ -249,6 +251,9 @@ Settings check(const Texts& in) {
         if (out.idleLimit > 0 && out.idleLimit < 10)
             throw BadOption("--idle-limit", in.idleLimit + " is not 0 and not in 10..86400");
     }
+    if (!in.busyPoll.empty())
+        out.busyPoll = static_cast<unsigned>(
+            integerIn("--busy-poll", in.busyPoll, 0, Lirra::MultiCommunicator::kMaxBusyPollMicros));
     out.record = Kelo::SessionWriter::expandName(in.record);
     if (!in.record.empty() &&
         (out.record.empty() || out.record.find_first_of("\r\n") != std::string::npos))
@@ -379,6 +384,11 @@ int main(int argc, char** argv) {
                    "Seconds of silence after which a client is dropped, 0 (never) or 10..86400 "
                    "(default: 30)")
         ->type_name("SECONDS");
+    app.add_option("--busy-poll", in.busyPoll,
+                   "Microseconds after the last input during which the server polls its clients "
+                   "without sleeping, 0..1000000: play commands arrive sooner, at the price of a "
+                   "busy processor (default: 0)")
+        ->type_name("MICROSECONDS");
     CLI::Option* web =
         app.add_option("--web", in.web,
                        "Serve status pages, the live scene and Prometheus /metrics over HTTP on "
@@ -439,6 +449,7 @@ int main(int argc, char** argv) {
         server.setReceiveBudget(settings.receiveBudget);
     if (settings.idleLimit >= 0)
         server.setIdleLimit(settings.idleLimit);
+    server.setBusyPoll(settings.busyPoll);
     server.setReceiveBatch(kBatchEvents, kBatchSeconds);
     for (const Backend& backend : settings.backends) {
         if (!server.addBackend(backend.type.c_str(), backend.params.c_str())) {

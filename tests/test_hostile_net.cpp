@@ -218,6 +218,53 @@ TEST(HostileNet, SocketsLentToTheWaitingReaderWorkAsBefore) {
     EXPECT_TRUE(until([&] { return openDescriptors() == descriptors; }));
 }
 
+double threadCpuSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// A busy-polling reader takes lone frames as a sleeping one does, stops spinning once the time
+// after the last input is over (then sleeps and is still woken by the next frame), and a
+// breakWait() reaches it while it spins.
+TEST(HostileNet, ABusyPollingReaderSpinsOnlyForItsTime) {
+    BareServer server;
+    EXPECT_EQ(server.busyPoll(), 0u);
+    server.setBusyPoll(100000);
+    RawPeer peer(server.listeningPort(), kPreamble);
+    ASSERT_TRUE(until([&] { return server.size() == 1; }, [&] { pump(server); }));
+    constexpr uint32_t kLone = 10;
+    std::thread sender([&] {
+        for (uint32_t i = 1; i <= kLone; ++i) {
+            std::this_thread::sleep_for(5ms);
+            EXPECT_TRUE(peer.send(frameWith<Numbered>(i)));
+        }
+    });
+    EXPECT_EQ(readInOrder(server, kLone, 0.05), kLone + 1);
+    sender.join();
+
+    // 100 ms of spinning, then 400 ms asleep.
+    const double before = threadCpuSeconds();
+    EXPECT_FALSE(server.waitForInput(0.5));
+    const double spent = threadCpuSeconds() - before;
+    EXPECT_GT(spent, 0.02);
+    EXPECT_LT(spent, 0.3);
+
+    ASSERT_TRUE(peer.send(frameWith<Numbered>(kLone + 1)));
+    ASSERT_TRUE(server.waitForInput(5));
+    EXPECT_EQ(pump(server), 1);
+
+    server.setBusyPoll(1000000);
+    std::thread breaker([&] {
+        std::this_thread::sleep_for(20ms);
+        server.breakWait();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(server.waitForInput(5));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    breaker.join();
+}
+
 // What a server sends to all its clients is copied once and shared; what it sends to one goes
 // between, in the order written, on that connection alone. Across several chunks, with a
 // frame larger than a chunk among them.
@@ -350,6 +397,10 @@ TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
     client.setGatherTime(1001);
     EXPECT_EQ(client.gatherTime(), Lirra::MultiCommunicator::kDefaultGatherMicros);
     EXPECT_TRUE(log.has("Ignored a gather time of 1001 us: from 0 to 1000 us"));
+    client.setBusyPoll(2000);
+    client.setBusyPoll(1000001);
+    EXPECT_EQ(client.busyPoll(), 2000u);
+    EXPECT_TRUE(log.has("Ignored a busy poll of 1000001 us: from 0 to 1000000 us"));
 }
 
 TEST(HostileNet, AHandlerThatThrowsDoesNotStopTheNetworkThread) {

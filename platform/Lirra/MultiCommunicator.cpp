@@ -170,16 +170,30 @@ void MultiCommunicator::waitForSockets(std::unique_lock<detail::SpinningMutex>& 
     _lent = _lent || (lend && !_polled.empty());
     _hub->polling.store(true, std::memory_order_relaxed);
     lock.unlock();
-    timespec timeout{};
-    if (deadline) {
-        const auto left = std::max(*deadline - Clock::now(), Clock::duration::zero());
-        const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
-        timeout.tv_sec = static_cast<time_t>(ns / 1000000000);
-        timeout.tv_nsec = static_cast<long>(ns % 1000000000);
-    }
     // A connection's socket may be closed meanwhile: its descriptor is only read once it is
     // known, under the lock, to be open still.
-    ::ppoll(_pollFds.data(), _pollFds.size(), deadline ? &timeout : nullptr, nullptr);
+    int ready = 0;
+    if (const unsigned busy = _busyPoll.load(std::memory_order_relaxed)) {
+        // A frame that comes while this thread spins is taken without a wake-up and without
+        // waiting for the sender's processor to be free.
+        auto until = _lastInput + std::chrono::microseconds(busy);
+        if (deadline)
+            until = std::min(until, *deadline);
+        const timespec none{};
+        while ((ready = ::ppoll(_pollFds.data(), _pollFds.size(), &none, nullptr)) == 0 &&
+               Clock::now() < until) {
+        }
+    }
+    if (ready == 0) {
+        timespec timeout{};
+        if (deadline) {
+            const auto left = std::max(*deadline - Clock::now(), Clock::duration::zero());
+            const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+            timeout.tv_sec = static_cast<time_t>(ns / 1000000000);
+            timeout.tv_nsec = static_cast<long>(ns % 1000000000);
+        }
+        ::ppoll(_pollFds.data(), _pollFds.size(), deadline ? &timeout : nullptr, nullptr);
+    }
     lock.lock();
     _hub->polling.store(false, std::memory_order_relaxed);
     if (_pollFds[0].revents)
@@ -322,6 +336,19 @@ void MultiCommunicator::setGatherTime(unsigned microseconds) {
         return;
     }
     _hub->gatherMicros.store(microseconds, std::memory_order_relaxed);
+}
+
+unsigned MultiCommunicator::busyPoll() const {
+    return _busyPoll.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setBusyPoll(unsigned microseconds) {
+    if (microseconds > kMaxBusyPollMicros) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a busy poll of %u us: from 0 to %u us\n", microseconds,
+                  kMaxBusyPollMicros);
+        return;
+    }
+    _busyPoll.store(microseconds, std::memory_order_relaxed);
 }
 
 uint64_t MultiCommunicator::sentFrames() const {

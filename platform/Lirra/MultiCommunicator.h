@@ -104,6 +104,12 @@ public:
     unsigned gatherTime() const;
     void setGatherTime(unsigned microseconds);
     static constexpr unsigned kDefaultGatherMicros = 50, kMaxGatherMicros = 1000;
+    // For how long, in microseconds after input was last taken over, the receiving thread
+    // polls its sockets without sleeping, keeping a processor busy to take the next frame
+    // the moment it arrives; 0 (the default) sleeps at once. Up to kMaxBusyPollMicros.
+    unsigned busyPoll() const;
+    void setBusyPoll(unsigned microseconds);
+    static constexpr unsigned kMaxBusyPollMicros = 1000000;
 
     // Counts since construction, readable from any thread. Frames and bytes that write() gave
     // to the connections of the set, once for each connection that took them.
@@ -147,6 +153,7 @@ private:
     // thread's reading.
     std::chrono::steady_clock::time_point _lastInput{};
     static constexpr std::chrono::microseconds kStreamPause{1000};
+    std::atomic<unsigned> _busyPoll{0};
     // waitForSockets()'s lists, kept to spare an allocation per wait.
     std::vector<pollfd> _pollFds;
     std::vector<std::shared_ptr<detail::Connection>> _polled;
