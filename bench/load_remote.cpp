@@ -1,7 +1,8 @@
 // Load on a client backend and its servers over loopback, bounded in count and time:
 //   - throughput: transform events from one client to one and to four servers, counted and
 //     checked for order on arrival; to one emitter, or going round many (--moving);
-//   - latency: a play command from Emitter::setState to the server's Emitter::setState;
+//   - latency: a play command from Emitter::setState to the server's Emitter::setState, then
+//     again with the server busy-polling (--busy-poll);
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
 // Everything stays on 127.0.0.1; servers do not announce themselves. --help lists the options
 // that scale the runs down (or up, within bounds).
@@ -197,9 +198,10 @@ void throughput(int serverCount, long events, int moving) {
     world.deleteAllBackends();
 }
 
-void latency(int rounds) {
+void latency(int rounds, unsigned busyPoll) {
     std::vector<std::unique_ptr<ServerThread>> servers;
     servers.push_back(std::make_unique<ServerThread>());
+    servers[0]->server.setBusyPoll(busyPoll);
     Kelo::World world;
     auto* client =
         static_cast<Kelo::ClientBackend*>(world.addBackend("client", named(servers).c_str()));
@@ -220,8 +222,11 @@ void latency(int rounds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     std::sort(micros.begin(), micros.end());
-    std::printf("latency of a play command, %d rounds: p50 %.0f us, p99 %.0f us, max %.0f us\n",
-                rounds, micros[micros.size() / 2], micros[micros.size() * 99 / 100], micros.back());
+    const std::string polling =
+        busyPoll ? ", the server busy-polling " + std::to_string(busyPoll) + " us" : "";
+    std::printf("latency of a play command, %d rounds%s: p50 %.0f us, p99 %.0f us, max %.0f us\n",
+                rounds, polling.c_str(), micros[micros.size() / 2],
+                micros[micros.size() * 99 / 100], micros.back());
     world.clearWorld();
     world.deleteAllBackends();
 }
@@ -303,6 +308,8 @@ int main(int argc, char** argv) {
         // With a tenth as many sources, the ids stay within the 16 bits they travel in.
         {"--emitters", "emitters in the world caught up", 10'000, 1, 29'000},
         {"--moving", "emitters the transform events go round", 1, 1, 30'000},
+        {"--busy-poll", "us the server busy-polls in a second latency run (0: none)", 5000, 0,
+         1'000'000},
     };
     // Every option is checked before anything starts; a bad one exits with 2.
     for (int i = 1; i < argc; ++i) {
@@ -337,7 +344,9 @@ int main(int argc, char** argv) {
     const int moving = static_cast<int>(options[3].value);
     throughput(1, events, moving);
     throughput(4, std::max(1L, events * 2 / 5), moving);
-    latency(static_cast<int>(options[1].value));
+    latency(static_cast<int>(options[1].value), 0);
+    if (options[4].value > 0)
+        latency(static_cast<int>(options[1].value), static_cast<unsigned>(options[4].value));
     const int emitters = static_cast<int>(options[2].value);
     catchUp(emitters, std::max(1, emitters / 10));
     return 0;

@@ -1,5 +1,7 @@
 // The bare network floor on loopback TCP, the reference load_remote's figures are judged against:
 //   - ping-pong: 16-byte messages echoed with TCP_NODELAY, one every 2 ms; half the round trip;
+//   - one way: 12-byte messages, one every 2 ms, from send() to the receiver's recv() returning,
+//     timed as load_remote times a play command (the sender asleep meanwhile);
 //   - stream: 40-byte frames (a 4-byte length, then 36 bytes like a transform event) written in
 //     batches for a fixed time, each carrying a sequence number the receiver checks.
 // Both ends run in this process on 127.0.0.1, bounded in count and time.
@@ -7,9 +9,11 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -263,6 +267,58 @@ void pingPong(int rounds, double gapMs, bool secondWaiter) {
         percentile(micros, 50), percentile(micros, 99), micros.back());
 }
 
+// The ping-pong's answer finds its receiver still running and is never waited for, while a
+// message sent one way always wakes a sleeping receiver: this is the bare cost of that.
+void oneWay(int rounds, double gapMs) {
+    auto [client, server] = connectedPair();
+    noDelay(client);
+    receiveTimeout(client, 5);
+    receiveTimeout(server, 5);
+    const auto deadline =
+        Clock::now() + kGiveUp + std::chrono::milliseconds(static_cast<long>(rounds * gapMs));
+    std::atomic<Clock::time_point> arrived{};
+    std::atomic<int> count{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    const auto receiving = [&, fd = server.fd()] {
+        char message[12];
+        try {
+            while (readAll(fd, message, sizeof message, deadline)) {
+                arrived = Clock::now();
+                ++count;
+                std::lock_guard<std::mutex> lock(mutex);
+                changed.notify_all();
+            }
+        } catch (const Failure&) {
+            // The sending side sees the count fall short.
+        }
+    };
+    Joined receiver(std::thread(receiving), client.fd());
+    std::vector<double> micros;
+    micros.reserve(static_cast<size_t>(rounds));
+    const char message[12] = {};
+    for (int i = 0; i < rounds && Clock::now() < deadline; ++i) {
+        const auto start = Clock::now();
+        if (!writeAll(client.fd(), message, sizeof message, deadline))
+            break;
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, std::chrono::seconds(5), [&] { return count.load() > i; }))
+            break;
+        micros.push_back(std::chrono::duration<double, std::micro>(arrived.load() - start).count());
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(gapMs));
+    }
+    receiver.join();
+    if (micros.size() != static_cast<size_t>(rounds))
+        throw Failure("one way: only " + std::to_string(micros.size()) + " of " +
+                      std::to_string(rounds) + " messages arrived");
+    std::sort(micros.begin(), micros.end());
+    std::printf(
+        "one way, 12 bytes, TCP_NODELAY, %d messages %.1f ms apart: send() to recv() "
+        "p50 %.1f us, p99 %.1f us, max %.1f us\n",
+        rounds, gapMs, percentile(micros, 50), percentile(micros, 99), micros.back());
+}
+
 void stream(double seconds, int batch) {
     auto [client, server] = connectedPair();
     noDelay(client);
@@ -338,16 +394,17 @@ void stream(double seconds, int batch) {
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     CLI::App app{
-        "Bare loopback TCP, the floor for load_remote's figures: 16-byte ping-pong latency and "
-        "the rate of 40-byte frames. Stays on 127.0.0.1 and stops by itself."};
+        "Bare loopback TCP, the floor for load_remote's figures: 16-byte ping-pong latency, "
+        "12-byte one-way latency and the rate of 40-byte frames. Stays on 127.0.0.1 and stops "
+        "by itself."};
     int rounds = 2000;
     double gap = 2;
     double seconds = 2;
     int batch = 1600;
-    app.add_option("--rounds", rounds, "Ping-pong rounds timed")
+    app.add_option("--rounds", rounds, "Ping-pong rounds timed, and one-way messages")
         ->check(CLI::Range(1, 100'000))
         ->capture_default_str();
-    app.add_option("--gap", gap, "Milliseconds between two pings")
+    app.add_option("--gap", gap, "Milliseconds between two pings, or two messages")
         ->type_name("MS")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str();
@@ -371,6 +428,7 @@ int main(int argc, char** argv) {
         pingPong(rounds, gap, false);
         if (secondWaiter)
             pingPong(rounds, gap, true);
+        oneWay(rounds, gap);
         stream(seconds, batch);
     } catch (const Failure& e) {
         std::fprintf(stderr, "tcp_floor: %s\n", e.what());
