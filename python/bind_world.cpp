@@ -4,6 +4,7 @@
 #include <pybind11/stl.h>
 
 #include <Kelo/BackendFactory.h>
+#include <Lirra/MultiCommunicator.h>
 
 #include "Bindings.h"
 #include "PythonLog.h"
@@ -214,6 +215,13 @@ reset_world() to re-create the server's own sources after every reset.)")
             "idle_limit", [](ServerBox& self) { return self.server().idleLimit(); },
             [](ServerBox& self, double seconds) {
                 self.server().setIdleLimit(finite(seconds, "idle_limit"));
+            })
+        .def_property(
+            "busy_poll", [](ServerBox& self) { return self.server().busyPoll(); },
+            [](ServerBox& self, unsigned microseconds) {
+                if (microseconds > Lirra::MultiCommunicator::kMaxBusyPollMicros)
+                    throw py::value_error("busy_poll must be from 0 to 1000000 microseconds");
+                self.server().setBusyPoll(microseconds);
             })
         .def_property(
             "receive_budget", [](ServerBox& self) { return self.server().receiveBudget(); },

@@ -167,6 +167,7 @@ class Server(World):
     exclusive: bool
     max_clients: int
     idle_limit: float
+    busy_poll: int
     receive_budget: int
     def __init__(self, port: int = 0, host: str = "", multicast: bool = True) -> None: ...
     @property

@@ -43,8 +43,13 @@ def exchange(client, server):
     server.update()
 
 
-def test_mirror(poll):
+@pytest.mark.parametrize("busy_poll", [0, 5000])
+def test_mirror(poll, busy_poll):
     with HoldingServer() as server, kelo.World() as client:
+        server.busy_poll = busy_poll
+        with pytest.raises(ValueError, match="busy_poll must be from 0 to 1000000"):
+            server.busy_poll = 1000001
+        assert server.busy_poll == busy_poll
         first = server.get_source(1)
         s = client.create_source()
         s.set_param(loop=True, pitch=0.75)
