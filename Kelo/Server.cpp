@@ -481,4 +481,12 @@ unsigned Server::busyPoll() const {
     return _communicator->busyPoll();
 }
 
+void Server::setSchedulerSlice(unsigned microseconds) {
+    _communicator->setSchedulerSlice(microseconds);
+}
+
+unsigned Server::schedulerSlice() const {
+    return _communicator->schedulerSlice();
+}
+
 }  // namespace Kelo

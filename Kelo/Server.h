@@ -128,6 +128,13 @@ public:
     // taken without a wake-up, at the price of a busy processor. Up to a second.
     void setBusyPoll(unsigned microseconds);
     unsigned busyPoll() const;
+    // The scheduler slice, in microseconds, that the thread waiting for clients (run()'s, or
+    // the one calling waitForEvents()) asks Linux 6.12 and later for: 0, the default, leaves
+    // the kernel's; otherwise 100 to 100000. With a short one, a play command from a client on
+    // the same machine is taken at once, not once the client's thread blocks or has used up
+    // its own slice. It costs no processor time.
+    void setSchedulerSlice(unsigned microseconds);
+    unsigned schedulerSlice() const;
 
     // Every command event received from a client is written to the recorder, with the time it
     // arrived, before it is applied (null: none, the default). The recorder must outlive the

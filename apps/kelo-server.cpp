@@ -28,6 +28,7 @@
 #include <Lirra/Multicast.h>
 #include <Lirra/URL.h>
 #include <Parmel/ParamLine.h>
+#include <Tovan/Thread.h>
 #include <osg/Log.h>
 
 #include "AppOptions.h"
@@ -112,6 +113,7 @@ struct Settings {
     size_t maxClients = 0, receiveBudget = 0;
     double idleLimit = -1;
     unsigned busyPoll = 0;  // microseconds; 0 sleeps at once
+    unsigned slice = 0;     // microseconds; 0 leaves the kernel's
     // The session file (empty: none) and the bytes it may take (0: no limit).
     std::string record;
     uint64_t recordLimit = 0;
@@ -122,7 +124,7 @@ struct Texts {
     std::string id, host, port = "0", group = Lirra::Multicast::kDefaultGroup,
                           groupPort = std::to_string(Lirra::Multicast::kDefaultPort), ttl = "1",
                           interface = "0.0.0.0", logLevel, wav = "kelo-server.wav", maxClients,
-                          receiveBudget, idleLimit, busyPoll, device, hrtf, frequency;
+                          receiveBudget, idleLimit, busyPoll, slice, device, hrtf, frequency;
     bool noMulticast = false, exclusive = false, listDevices = false, deviceGiven = false;
     // --web, --web-host
     std::string web, webHost = "127.0.0.1";
@@ -254,6 +256,12 @@ Settings check(const Texts& in) {
     if (!in.busyPoll.empty())
         out.busyPoll = static_cast<unsigned>(
             integerIn("--busy-poll", in.busyPoll, 0, Lirra::MultiCommunicator::kMaxBusyPollMicros));
+    if (!in.slice.empty()) {
+        out.slice = static_cast<unsigned>(
+            integerIn("--scheduler-slice", in.slice, 0, Tovan::Thread::kMaxSliceMicros));
+        if (out.slice > 0 && out.slice < Tovan::Thread::kMinSliceMicros)
+            throw BadOption("--scheduler-slice", in.slice + " is not 0 and not in 100..100000");
+    }
     out.record = Kelo::SessionWriter::expandName(in.record);
     if (!in.record.empty() &&
         (out.record.empty() || out.record.find_first_of("\r\n") != std::string::npos))
@@ -389,6 +397,11 @@ int main(int argc, char** argv) {
                    "without sleeping, 0..1000000: play commands arrive sooner, at the price of a "
                    "busy processor (default: 0)")
         ->type_name("MICROSECONDS");
+    app.add_option("--scheduler-slice", in.slice,
+                   "Microseconds of the scheduler slice the server's thread asks Linux 6.12 and "
+                   "later for, 0 or 100..100000: with a short one, play commands from a busy "
+                   "client on the same machine are taken at once (default: 0, the kernel's)")
+        ->type_name("MICROSECONDS");
     CLI::Option* web =
         app.add_option("--web", in.web,
                        "Serve status pages, the live scene and Prometheus /metrics over HTTP on "
@@ -450,6 +463,7 @@ int main(int argc, char** argv) {
     if (settings.idleLimit >= 0)
         server.setIdleLimit(settings.idleLimit);
     server.setBusyPoll(settings.busyPoll);
+    server.setSchedulerSlice(settings.slice);
     server.setReceiveBatch(kBatchEvents, kBatchSeconds);
     for (const Backend& backend : settings.backends) {
         if (!server.addBackend(backend.type.c_str(), backend.params.c_str())) {

@@ -5,6 +5,7 @@
 
 #include <Kelo/BackendFactory.h>
 #include <Lirra/MultiCommunicator.h>
+#include <Tovan/Thread.h>
 
 #include "Bindings.h"
 #include "PythonLog.h"
@@ -222,6 +223,16 @@ reset_world() to re-create the server's own sources after every reset.)")
                 if (microseconds > Lirra::MultiCommunicator::kMaxBusyPollMicros)
                     throw py::value_error("busy_poll must be from 0 to 1000000 microseconds");
                 self.server().setBusyPoll(microseconds);
+            })
+        .def_property(
+            "scheduler_slice", [](ServerBox& self) { return self.server().schedulerSlice(); },
+            [](ServerBox& self, unsigned microseconds) {
+                if (microseconds != 0 && (microseconds < Tovan::Thread::kMinSliceMicros ||
+                                          microseconds > Tovan::Thread::kMaxSliceMicros))
+                    throw py::value_error(
+                        "scheduler_slice must be 0 or from 100 to 100000 "
+                        "microseconds");
+                self.server().setSchedulerSlice(microseconds);
             })
         .def_property(
             "receive_budget", [](ServerBox& self) { return self.server().receiveBudget(); },

@@ -168,6 +168,7 @@ class Server(World):
     max_clients: int
     idle_limit: float
     busy_poll: int
+    scheduler_slice: int
     receive_budget: int
     def __init__(self, port: int = 0, host: str = "", multicast: bool = True) -> None: ...
     @property

@@ -12,6 +12,7 @@
 
 #include <Lirra/Connection.h>
 #include <Lirra/MultiClient.h>
+#include <Tovan/Thread.h>
 #include <osg/Log.h>
 
 #include "PeerTest.h"
@@ -265,6 +266,34 @@ TEST(HostileNet, ABusyPollingReaderSpinsOnlyForItsTime) {
     breaker.join();
 }
 
+// The thread that waits for input asks for the scheduler slice set, keeping its niceness, and
+// 0 gives it the kernel's own back. A kernel before 6.12 ignores slices: the thread says so.
+TEST(HostileNet, AWaitingThreadAsksForItsSchedulerSlice) {
+    LogCapture log(osg::LOG_WARNING);
+    BareServer server;
+    EXPECT_EQ(server.schedulerSlice(), 0u);
+    server.setSchedulerSlice(250);
+    std::thread waiting([&] {
+        const unsigned before = Tovan::Thread::slice();
+        ASSERT_EQ(setpriority(PRIO_PROCESS, 0, 3), 0);  // this thread's niceness, on Linux
+        EXPECT_FALSE(server.waitForInput(0.01));
+        EXPECT_EQ(getpriority(PRIO_PROCESS, 0), 3);
+        if (before == 0) {
+            EXPECT_TRUE(
+                log.has("Could not set a scheduler slice of 250 us: this kernel ignores "
+                        "it (Linux 6.12 and later take it)"));
+            return;
+        }
+        EXPECT_EQ(Tovan::Thread::slice(), 250u);
+        EXPECT_EQ(log.text(), "");
+        server.setSchedulerSlice(0);
+        EXPECT_FALSE(server.waitForInput(0.01));
+        EXPECT_EQ(Tovan::Thread::slice(), before);
+        EXPECT_EQ(getpriority(PRIO_PROCESS, 0), 3);
+    });
+    waiting.join();
+}
+
 // What a server sends to all its clients is copied once and shared; what it sends to one goes
 // between, in the order written, on that connection alone. Across several chunks, with a
 // frame larger than a chunk among them.
@@ -401,6 +430,12 @@ TEST(HostileNet, BadSettingsAreRefusedAndTheOldOnesKept) {
     client.setBusyPoll(1000001);
     EXPECT_EQ(client.busyPoll(), 2000u);
     EXPECT_TRUE(log.has("Ignored a busy poll of 1000001 us: from 0 to 1000000 us"));
+    client.setSchedulerSlice(100);
+    client.setSchedulerSlice(99);
+    client.setSchedulerSlice(100001);
+    EXPECT_EQ(client.schedulerSlice(), 100u);
+    EXPECT_TRUE(log.has("Ignored a scheduler slice of 99 us: 0 or from 100 to 100000 us"));
+    EXPECT_TRUE(log.has("Ignored a scheduler slice of 100001 us: 0 or from 100 to 100000 us"));
 }
 
 TEST(HostileNet, AHandlerThatThrowsDoesNotStopTheNetworkThread) {

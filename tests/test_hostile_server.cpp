@@ -216,6 +216,7 @@ TEST(HostileServer, KeloServerRefusesBadOptionsBeforeStarting) {
              {"--receive-budget 1e308", "--receive-budget"},
              {"--idle-limit inf", "--idle-limit"},
              {"--busy-poll 1000001", "--busy-poll: 1000001 is not in 0..1000000"},
+             {"--scheduler-slice 50", "--scheduler-slice: 50 is not 0 and not in 100..100000"},
              {"--no-such-option", "--no-such-option"},
          }) {
         const auto [code, output] = run(args);
@@ -228,7 +229,8 @@ TEST(HostileServer, KeloServerRefusesBadOptionsBeforeStarting) {
     // Within their bounds, the same options start it; SIGTERM stops it cleanly.
     const auto [code, output] =
         run("-b silent -b log:labels=a --ttl 255 --exclusive "
-            "--max-clients 3 --receive-budget 64 --idle-limit 0 --busy-poll 1000 --id -7");
+            "--max-clients 3 --receive-budget 64 --idle-limit 0 --busy-poll 1000 "
+            "--scheduler-slice 100 --id -7");
     EXPECT_EQ(code, 0) << output;
     EXPECT_THAT(output, HasSubstr("kelo-server: listening on 127.0.0.1:"));
     EXPECT_THAT(output, HasSubstr("kelo-server: stopped after 0 events"));

@@ -10,6 +10,7 @@
 
 #include "Lirra/Connection.h"
 #include "Lirra/Log.h"
+#include "Tovan/Thread.h"
 
 namespace Lirra {
 
@@ -142,6 +143,7 @@ bool MultiCommunicator::receiveCommunicator(Communicator*& communicator) {
 void MultiCommunicator::waitForSockets(std::unique_lock<detail::SpinningMutex>& lock,
                                        const std::chrono::steady_clock::time_point* deadline) {
     using Clock = std::chrono::steady_clock;
+    askForSlice();
     // Under a stream of events the network thread reads ahead, in large pieces, while this
     // thread applies what it has: until the stream has paused for a moment this thread waits
     // for it. After that it polls the sockets itself, so that a lone event wakes it directly.
@@ -215,6 +217,18 @@ void MultiCommunicator::takeBack() {
     _lent = false;
     for (Communicator* c : _members)
         c->_connection->takeBack();
+}
+
+void MultiCommunicator::askForSlice() const {
+    thread_local unsigned asked = 0;
+    const unsigned slice = _slice.load(std::memory_order_relaxed);
+    if (slice == asked)
+        return;
+    asked = slice;
+    std::string why;
+    if (!Tovan::Thread::requestSlice(slice, why))
+        LIRRA_LOG(osg::LOG_WARNING, "Could not set a scheduler slice of %u us: %s\n", slice,
+                  why.c_str());
 }
 
 bool MultiCommunicator::anyInput() const {
@@ -349,6 +363,20 @@ void MultiCommunicator::setBusyPoll(unsigned microseconds) {
         return;
     }
     _busyPoll.store(microseconds, std::memory_order_relaxed);
+}
+
+unsigned MultiCommunicator::schedulerSlice() const {
+    return _slice.load(std::memory_order_relaxed);
+}
+
+void MultiCommunicator::setSchedulerSlice(unsigned microseconds) {
+    if (microseconds != 0 && (microseconds < Tovan::Thread::kMinSliceMicros ||
+                              microseconds > Tovan::Thread::kMaxSliceMicros)) {
+        LIRRA_LOG(osg::LOG_WARNING, "Ignored a scheduler slice of %u us: 0 or from %u to %u us\n",
+                  microseconds, Tovan::Thread::kMinSliceMicros, Tovan::Thread::kMaxSliceMicros);
+        return;
+    }
+    _slice.store(microseconds, std::memory_order_relaxed);
 }
 
 uint64_t MultiCommunicator::sentFrames() const {

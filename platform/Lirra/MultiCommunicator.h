@@ -110,6 +110,12 @@ public:
     unsigned busyPoll() const;
     void setBusyPoll(unsigned microseconds);
     static constexpr unsigned kMaxBusyPollMicros = 1000000;
+    // The scheduler slice, in microseconds, that a thread asks for when it waits here (see
+    // Tovan::Thread::requestSlice): with a short one, a thread woken by input is not kept
+    // waiting behind a busy thread of the same processor, such as a client's on the same
+    // machine. 0 (the default): the kernel's own. A thread keeps the slice it was given.
+    unsigned schedulerSlice() const;
+    void setSchedulerSlice(unsigned microseconds);
 
     // Counts since construction, readable from any thread. Frames and bytes that write() gave
     // to the connections of the set, once for each connection that took them.
@@ -139,6 +145,8 @@ private:
                         const std::chrono::steady_clock::time_point* deadline);
     // The network thread watches the sockets lent for a poll again (hub lock held).
     void takeBack();
+    // The calling thread asks for the scheduler slice set, if it has not yet.
+    void askForSlice() const;
 
     std::shared_ptr<detail::Hub> _hub;
     // Where write() copies a frame once for every connection of the set (hub lock).
@@ -154,6 +162,7 @@ private:
     std::chrono::steady_clock::time_point _lastInput{};
     static constexpr std::chrono::microseconds kStreamPause{1000};
     std::atomic<unsigned> _busyPoll{0};
+    std::atomic<unsigned> _slice{0};
     // waitForSockets()'s lists, kept to spare an allocation per wait.
     std::vector<pollfd> _pollFds;
     std::vector<std::shared_ptr<detail::Connection>> _polled;

@@ -50,6 +50,10 @@ def test_mirror(poll, busy_poll):
         with pytest.raises(ValueError, match="busy_poll must be from 0 to 1000000"):
             server.busy_poll = 1000001
         assert server.busy_poll == busy_poll
+        with pytest.raises(ValueError, match="scheduler_slice must be 0 or from 100 to 100000"):
+            server.scheduler_slice = 50
+        server.scheduler_slice = 100
+        assert server.scheduler_slice == 100
         first = server.get_source(1)
         s = client.create_source()
         s.set_param(loop=True, pitch=0.75)
