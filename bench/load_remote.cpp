@@ -2,7 +2,9 @@
 //   - throughput: transform events from one client to one and to four servers, counted and
 //     checked for order on arrival; to one emitter, or going round many (--moving);
 //   - latency: a play command from Emitter::setState to the server's Emitter::setState, then
-//     again with the server busy-polling (--busy-poll);
+//     again with the server busy-polling (--busy-poll), and twice with the client's thread
+//     busy after each command (--client-work): as the server is, then asking for a short
+//     scheduler slice (--slice);
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
 // Everything stays on 127.0.0.1; servers do not announce themselves. --help lists the options
 // that scale the runs down (or up, within bounds).
@@ -198,10 +200,13 @@ void throughput(int serverCount, long events, int moving) {
     world.deleteAllBackends();
 }
 
-void latency(int rounds, unsigned busyPoll) {
+// With clientWork, the client's thread keeps its processor for that many microseconds after
+// each command, as an application drawing its next frame would, before it waits.
+void latency(int rounds, unsigned busyPoll, unsigned clientWork = 0, unsigned slice = 0) {
     std::vector<std::unique_ptr<ServerThread>> servers;
     servers.push_back(std::make_unique<ServerThread>());
     servers[0]->server.setBusyPoll(busyPoll);
+    servers[0]->server.setSchedulerSlice(slice);
     Kelo::World world;
     auto* client =
         static_cast<Kelo::ClientBackend*>(world.addBackend("client", named(servers).c_str()));
@@ -214,6 +219,9 @@ void latency(int rounds, unsigned busyPoll) {
         const auto before = w.played.load();
         const auto start = Clock::now();
         e->setState(i % 2 ? Kelo::WorldPart::STOP : Kelo::WorldPart::PLAY);
+        for (const auto sent = Clock::now();
+             Clock::now() - sent < std::chrono::microseconds(clientWork);) {
+        }
         // Asleep, as the bare ping-pong waits in recv(): a spinning waiter would take one of
         // the processors from the server it measures. The time is taken on the server's side.
         w.waitPlayed(before);
@@ -222,11 +230,15 @@ void latency(int rounds, unsigned busyPoll) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     std::sort(micros.begin(), micros.end());
-    const std::string polling =
+    std::string how =
         busyPoll ? ", the server busy-polling " + std::to_string(busyPoll) + " us" : "";
+    if (clientWork)
+        how += ", the client's thread busy " + std::to_string(clientWork) + " us after each";
+    if (slice)
+        how += ", the server asking for a " + std::to_string(slice) + " us scheduler slice";
     std::printf("latency of a play command, %d rounds%s: p50 %.0f us, p99 %.0f us, max %.0f us\n",
-                rounds, polling.c_str(), micros[micros.size() / 2],
-                micros[micros.size() * 99 / 100], micros.back());
+                rounds, how.c_str(), micros[micros.size() / 2], micros[micros.size() * 99 / 100],
+                micros.back());
     world.clearWorld();
     world.deleteAllBackends();
 }
@@ -310,6 +322,10 @@ int main(int argc, char** argv) {
         {"--moving", "emitters the transform events go round", 1, 1, 30'000},
         {"--busy-poll", "us the server busy-polls in a second latency run (0: none)", 5000, 0,
          1'000'000},
+        {"--client-work", "us the client works after each command in two more runs (0: none)", 1000,
+         0, 1'000'000},
+        {"--slice", "us of the scheduler slice the server asks for in the last run (0: none)", 100,
+         0, 100'000},
     };
     // Every option is checked before anything starts; a bad one exits with 2.
     for (int i = 1; i < argc; ++i) {
@@ -338,6 +354,13 @@ int main(int argc, char** argv) {
         }
         ++i;
     }
+    if (options[6].value > 0 && options[6].value < 100) {
+        std::fprintf(stderr,
+                     "load_remote: --slice needs 0 or a whole number from 100 to 100000, "
+                     "got %ld\n",
+                     options[6].value);
+        return 2;
+    }
     const long events = options[0].value;
     // Only progress lines: the catch-up's source creations are refused by design, one line each.
     osg::Log::the().setLevel(osg::LOG_LOG);
@@ -347,6 +370,12 @@ int main(int argc, char** argv) {
     latency(static_cast<int>(options[1].value), 0);
     if (options[4].value > 0)
         latency(static_cast<int>(options[1].value), static_cast<unsigned>(options[4].value));
+    if (const auto work = static_cast<unsigned>(options[5].value)) {
+        latency(static_cast<int>(options[1].value), 0, work);
+        if (options[6].value > 0)
+            latency(static_cast<int>(options[1].value), 0, work,
+                    static_cast<unsigned>(options[6].value));
+    }
     const int emitters = static_cast<int>(options[2].value);
     catchUp(emitters, std::max(1, emitters / 10));
     return 0;
