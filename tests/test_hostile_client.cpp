@@ -263,7 +263,7 @@ TEST(ProgramOptions, LoadRemoteRefusesOptionsItDoesNotKnow) {
 #else
     expectRefused(KELO_LOAD_REMOTE,
                   {"--bogus", "5", "--events", "--events 0", "--events 1e99",
-                   "--events 99999999999999999999"},
+                   "--events 99999999999999999999", "--slice 50"},
                   "throughput", "--events");
 #endif
 }
