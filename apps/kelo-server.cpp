@@ -259,7 +259,7 @@ Settings check(const Texts& in) {
     if (!in.slice.empty()) {
         out.slice = static_cast<unsigned>(
             integerIn("--scheduler-slice", in.slice, 0, Tovan::Thread::kMaxSliceMicros));
-        if (out.slice > 0 && out.slice < Tovan::Thread::kMinSliceMicros)
+        if (!Tovan::Thread::validSlice(out.slice))
             throw BadOption("--scheduler-slice", in.slice + " is not 0 and not in 100..100000");
     }
     out.record = Kelo::SessionWriter::expandName(in.record);

@@ -227,8 +227,7 @@ reset_world() to re-create the server's own sources after every reset.)")
         .def_property(
             "scheduler_slice", [](ServerBox& self) { return self.server().schedulerSlice(); },
             [](ServerBox& self, unsigned microseconds) {
-                if (microseconds != 0 && (microseconds < Tovan::Thread::kMinSliceMicros ||
-                                          microseconds > Tovan::Thread::kMaxSliceMicros))
+                if (!Tovan::Thread::validSlice(microseconds))
                     throw py::value_error(
                         "scheduler_slice must be 0 or from 100 to 100000 "
                         "microseconds");

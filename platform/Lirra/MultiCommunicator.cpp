@@ -370,8 +370,7 @@ unsigned MultiCommunicator::schedulerSlice() const {
 }
 
 void MultiCommunicator::setSchedulerSlice(unsigned microseconds) {
-    if (microseconds != 0 && (microseconds < Tovan::Thread::kMinSliceMicros ||
-                              microseconds > Tovan::Thread::kMaxSliceMicros)) {
+    if (!Tovan::Thread::validSlice(microseconds)) {
         LIRRA_LOG(osg::LOG_WARNING, "Ignored a scheduler slice of %u us: 0 or from %u to %u us\n",
                   microseconds, Tovan::Thread::kMinSliceMicros, Tovan::Thread::kMaxSliceMicros);
         return;

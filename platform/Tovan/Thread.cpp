@@ -55,7 +55,7 @@ constexpr uint64_t kResetOnFork = 1;  // SCHED_FLAG_RESET_ON_FORK, the one flag 
 }  // namespace
 
 bool Thread::requestSlice(unsigned microseconds, std::string& why) {
-    if (microseconds != 0 && (microseconds < kMinSliceMicros || microseconds > kMaxSliceMicros)) {
+    if (!validSlice(microseconds)) {
         why = "not 0 or from " + std::to_string(kMinSliceMicros) + " to " +
               std::to_string(kMaxSliceMicros) + " us";
         return false;

@@ -35,6 +35,11 @@ public:
     // does not tell (before 6.12).
     static unsigned slice();
     static constexpr unsigned kMinSliceMicros = 100, kMaxSliceMicros = 100000;
+    // 0, or from kMinSliceMicros to kMaxSliceMicros.
+    static constexpr bool validSlice(unsigned microseconds) {
+        return microseconds == 0 ||
+               (microseconds >= kMinSliceMicros && microseconds <= kMaxSliceMicros);
+    }
 
 protected:
     virtual int main() = 0;
