@@ -171,6 +171,12 @@ ClientBackend::ClientBackend(World& world, const char* params) : Backend(world, 
         else
             badParam("gather", text, "microseconds from 0 to 1000");
     }
+    if (const char* text = param(*this, "local")) {
+        if (const auto value = flag(text))
+            client.setLocal(*value);
+        else
+            badParam("local", text, "true or false");
+    }
     client.open();
     if (servers)
         connectNamed(client, servers);

@@ -489,4 +489,12 @@ unsigned Server::schedulerSlice() const {
     return _communicator->schedulerSlice();
 }
 
+bool Server::setLocalSocket(bool on) {
+    return _communicator->setLocalSocket(on);
+}
+
+bool Server::localSocket() const {
+    return _communicator->localSocket();
+}
+
 }  // namespace Kelo

@@ -2,7 +2,8 @@
 //   - throughput: transform events from one client to one and to four servers, counted and
 //     checked for order on arrival; to one emitter, or going round many (--moving);
 //   - latency: a play command from Emitter::setState to the server's Emitter::setState, then
-//     again with the server busy-polling (--busy-poll), and twice with the client's thread
+//     again over the server's local socket (--local), with the server busy-polling
+//     (--busy-poll), and twice with the client's thread
 //     busy after each command (--client-work): as the server is, then asking for a short
 //     scheduler slice (--slice);
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
@@ -202,14 +203,17 @@ void throughput(int serverCount, long events, int moving) {
 
 // With clientWork, the client's thread keeps its processor for that many microseconds after
 // each command, as an application drawing its next frame would, before it waits.
-void latency(int rounds, unsigned busyPoll, unsigned clientWork = 0, unsigned slice = 0) {
+void latency(int rounds, unsigned busyPoll, unsigned clientWork = 0, unsigned slice = 0,
+             bool local = false) {
     std::vector<std::unique_ptr<ServerThread>> servers;
     servers.push_back(std::make_unique<ServerThread>());
     servers[0]->server.setBusyPoll(busyPoll);
     servers[0]->server.setSchedulerSlice(slice);
+    if (local && !servers[0]->server.setLocalSocket(true))
+        return;
     Kelo::World world;
-    auto* client =
-        static_cast<Kelo::ClientBackend*>(world.addBackend("client", named(servers).c_str()));
+    auto* client = static_cast<Kelo::ClientBackend*>(
+        world.addBackend("client", named(servers, local ? "local=true" : "").c_str()));
     Kelo::Emitter* e = world.createEmitter();
     if (!connect(world, client, 1))
         return;
@@ -236,6 +240,8 @@ void latency(int rounds, unsigned busyPoll, unsigned clientWork = 0, unsigned sl
         how += ", the client's thread busy " + std::to_string(clientWork) + " us after each";
     if (slice)
         how += ", the server asking for a " + std::to_string(slice) + " us scheduler slice";
+    if (local)
+        how += ", over the local socket";
     std::printf("latency of a play command, %d rounds%s: p50 %.0f us, p99 %.0f us, max %.0f us\n",
                 rounds, how.c_str(), micros[micros.size() / 2], micros[micros.size() * 99 / 100],
                 micros.back());
@@ -327,6 +333,7 @@ int main(int argc, char** argv) {
          0, 10'000},
         {"--slice", "us of the scheduler slice the server asks for in the last run (0: none)", 100,
          0, 100'000},
+        {"--local", "1: a latency run over the server's local socket too (0: none)", 1, 0, 1},
     };
     // Every option is checked before anything starts; a bad one exits with 2.
     for (int i = 1; i < argc; ++i) {
@@ -369,6 +376,8 @@ int main(int argc, char** argv) {
     throughput(1, events, moving);
     throughput(4, std::max(1L, events * 2 / 5), moving);
     latency(static_cast<int>(options[1].value), 0);
+    if (options[7].value)
+        latency(static_cast<int>(options[1].value), 0, 0, 0, true);
     if (options[4].value > 0)
         latency(static_cast<int>(options[1].value), static_cast<unsigned>(options[4].value));
     if (const auto work = static_cast<unsigned>(options[5].value)) {

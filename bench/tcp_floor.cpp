@@ -3,8 +3,10 @@
 //   - one way: 12-byte messages, one every 2 ms, from send() to the receiver's recv() returning,
 //     timed as load_remote times a play command (the sender asleep meanwhile);
 //   - stream: 40-byte frames (a 4-byte length, then 36 bytes like a transform event) written in
-//     batches for a fixed time, each carrying a sequence number the receiver checks.
-// Both ends run in this process on 127.0.0.1, bounded in count and time.
+//     batches for a fixed time, each carrying a sequence number the receiver checks;
+//   - the ping-pong and the one-way message again over a local stream socket, the floor of a
+//     server's local socket.
+// Both ends run in this process on 127.0.0.1 (or a socket pair), bounded in count and time.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -83,8 +85,15 @@ void noDelay(const Socket& s) {
         fail("TCP_NODELAY");
 }
 
-// A connected pair over 127.0.0.1: first the client end, then the accepted one.
-std::pair<Socket, Socket> connectedPair() {
+// A connected pair over 127.0.0.1, first the client end, then the accepted one; or, local, a
+// pair of connected local stream sockets.
+std::pair<Socket, Socket> connectedPair(bool local = false) {
+    if (local) {
+        int ends[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
+            fail("socketpair");
+        return {Socket(ends[0]), Socket(ends[1])};
+    }
     Socket listener(::socket(AF_INET, SOCK_STREAM, 0));
     if (listener.fd() < 0)
         fail("socket");
@@ -216,13 +225,15 @@ private:
     std::thread _thread;
 };
 
-void pingPong(int rounds, double gapMs, bool secondWaiter) {
-    auto [client, server] = connectedPair();
+void pingPong(int rounds, double gapMs, bool secondWaiter, bool local = false) {
+    auto [client, server] = connectedPair(local);
     std::optional<SecondWaiter> waiter;
     if (secondWaiter)
         waiter.emplace(server.fd());
-    noDelay(client);
-    noDelay(server);
+    if (!local) {
+        noDelay(client);
+        noDelay(server);
+    }
     // Blocking calls, as a plain program would make; the time-out only ends a stuck run.
     receiveTimeout(client, 5);
     receiveTimeout(server, 5);
@@ -261,17 +272,19 @@ void pingPong(int rounds, double gapMs, bool secondWaiter) {
                       std::to_string(rounds) + " rounds came back");
     std::sort(micros.begin(), micros.end());
     std::printf(
-        "ping-pong, 16 bytes, TCP_NODELAY, %d rounds %.1f ms apart%s: half the round trip "
+        "ping-pong, 16 bytes, %s, %d rounds %.1f ms apart%s: half the round trip "
         "p50 %.1f us, p99 %.1f us, max %.1f us\n",
-        rounds, gapMs, secondWaiter ? ", a second thread in epoll_wait on the echoing socket" : "",
+        local ? "local socket" : "TCP_NODELAY", rounds, gapMs,
+        secondWaiter ? ", a second thread in epoll_wait on the echoing socket" : "",
         percentile(micros, 50), percentile(micros, 99), micros.back());
 }
 
 // The ping-pong's answer finds its receiver still running and is never waited for, while a
 // message sent one way always wakes a sleeping receiver: this is the bare cost of that.
-void oneWay(int rounds, double gapMs) {
-    auto [client, server] = connectedPair();
-    noDelay(client);
+void oneWay(int rounds, double gapMs, bool local = false) {
+    auto [client, server] = connectedPair(local);
+    if (!local)
+        noDelay(client);
     receiveTimeout(client, 5);
     receiveTimeout(server, 5);
     const auto deadline =
@@ -314,9 +327,10 @@ void oneWay(int rounds, double gapMs) {
                       std::to_string(rounds) + " messages arrived");
     std::sort(micros.begin(), micros.end());
     std::printf(
-        "one way, 12 bytes, TCP_NODELAY, %d messages %.1f ms apart: send() to recv() "
+        "one way, 12 bytes, %s, %d messages %.1f ms apart: send() to recv() "
         "p50 %.1f us, p99 %.1f us, max %.1f us\n",
-        rounds, gapMs, percentile(micros, 50), percentile(micros, 99), micros.back());
+        local ? "local socket" : "TCP_NODELAY", rounds, gapMs, percentile(micros, 50),
+        percentile(micros, 99), micros.back());
 }
 
 void stream(double seconds, int batch) {
@@ -412,6 +426,9 @@ int main(int argc, char** argv) {
     app.add_flag("--second-waiter", secondWaiter,
                  "Time the ping-pong again with a second thread asleep in epoll_wait on the "
                  "echoing socket");
+    bool noLocal = false;
+    app.add_flag("--no-local", noLocal,
+                 "Leave out the ping-pong and the one-way message over a local socket");
     app.add_option("--seconds", seconds, "How long the stream of frames lasts")
         ->check(CLI::Range(0.1, 60.0))
         ->capture_default_str();
@@ -430,6 +447,10 @@ int main(int argc, char** argv) {
             pingPong(rounds, gap, true);
         oneWay(rounds, gap);
         stream(seconds, batch);
+        if (!noLocal) {
+            pingPong(rounds, gap, false, true);
+            oneWay(rounds, gap, true);
+        }
     } catch (const Failure& e) {
         std::fprintf(stderr, "tcp_floor: %s\n", e.what());
         return 1;

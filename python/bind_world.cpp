@@ -1,5 +1,7 @@
 // kelo.World and kelo.Server.
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 #include <pybind11/stl.h>
 
@@ -232,6 +234,13 @@ reset_world() to re-create the server's own sources after every reset.)")
                         "scheduler_slice must be 0 or from 100 to 100000 "
                         "microseconds");
                 self.server().setSchedulerSlice(microseconds);
+            })
+        .def_property(
+            "local_socket", [](ServerBox& self) { return self.server().localSocket(); },
+            [](ServerBox& self, bool on) {
+                if (!self.server().setLocalSocket(on))
+                    throw std::runtime_error("cannot listen on the local socket @kelo-" +
+                                             std::to_string(self.server().port()));
             })
         .def_property(
             "receive_budget", [](ServerBox& self) { return self.server().receiveBudget(); },

@@ -169,6 +169,7 @@ class Server(World):
     idle_limit: float
     busy_poll: int
     scheduler_slice: int
+    local_socket: bool
     receive_budget: int
     def __init__(self, port: int = 0, host: str = "", multicast: bool = True) -> None: ...
     @property

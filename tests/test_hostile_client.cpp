@@ -168,12 +168,12 @@ TEST(ClientLabels, EmittersCostTheServerAboutTheirBytesOnTheWire) {
 }
 
 // What the parameters set: group port, retry, send limit, discovery, group, interface,
-// transferData, gather time.
+// transferData, gather time, local socket.
 auto settings(Kelo::ClientBackend* client) {
     const Kelo::KeloMultiClient& c = *client->communicator();
     return std::make_tuple(int(c.port()), c.retryInterval(), size_t(c.sendLimit()), c.discover(),
                            c.address().toString(), c.interface().toString(), client->transferData(),
-                           c.gatherTime());
+                           c.gatherTime(), c.local());
 }
 
 TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
@@ -182,10 +182,10 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
     auto* client = addClient(world,
                              "servers=127.0.0.1:99999999999,:7000,nohost groupPort=70000 retry=3s "
                              "sendLimit=10 multicast=maybe group=10.0.0.1 interface=banana "
-                             "transferData=perhaps gather=1001");
+                             "transferData=perhaps gather=1001 local=nearby");
     // No discovery: servers were named, even if none was usable.
     EXPECT_EQ(settings(client), std::make_tuple(7627, 3.0, size_t(64u << 20), false,
-                                                "239.255.76.67", "0.0.0.0", true, 50u));
+                                                "239.255.76.67", "0.0.0.0", true, 50u, false));
     auto bad = [](const char* value, const char* key, const char* expected) {
         return std::string("ClientBackend: bad value \"") + value + "\" for parameter " + key +
                " (" + expected + ")\n";
@@ -201,6 +201,7 @@ TEST(ClientParameters, BadValuesAreNamedAndTheDefaultsKept) {
                              bad("3s", "retry", "seconds from 0.05 to 3600"),
                              bad("10", "sendLimit", "bytes from 65536 to 1073741824"),
                              bad("1001", "gather", "microseconds from 0 to 1000"),
+                             bad("nearby", "local", "true or false"),
                              bad("127.0.0.1:99999999999", "servers", server),
                              bad(":7000", "servers", server), bad("nohost", "servers", server)));
     EXPECT_EQ(client->servers() + client->joiningServers(), 0u);
@@ -212,9 +213,9 @@ TEST(ClientParameters, GoodValuesAreTakenAndNamedServersCapped) {
     auto* client =
         addClient(world,
                   "multicast=no groupPort=65535 retry=0.05 sendLimit=65536 group=239.1.2.3 "
-                  "interface=127.0.0.1 transferData=off gather=0");
+                  "interface=127.0.0.1 transferData=off gather=0 local=yes");
     EXPECT_EQ(settings(client), std::make_tuple(65535, 0.05, size_t(65536), false, "239.1.2.3",
-                                                "127.0.0.1", false, 0u));
+                                                "127.0.0.1", false, 0u, true));
     EXPECT_THAT(log.texts(), IsEmpty());
 
     std::string list = "retry=3600 servers=127.0.0.1:1";
@@ -263,7 +264,7 @@ TEST(ProgramOptions, LoadRemoteRefusesOptionsItDoesNotKnow) {
 #else
     expectRefused(KELO_LOAD_REMOTE,
                   {"--bogus", "5", "--events", "--events 0", "--events 1e99",
-                   "--events 99999999999999999999", "--slice 50"},
+                   "--events 99999999999999999999", "--slice 50", "--local 2"},
                   "throughput", "--events");
 #endif
 }

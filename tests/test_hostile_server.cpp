@@ -230,7 +230,7 @@ TEST(HostileServer, KeloServerRefusesBadOptionsBeforeStarting) {
     const auto [code, output] =
         run("-b silent -b log:labels=a --ttl 255 --exclusive "
             "--max-clients 3 --receive-budget 64 --idle-limit 0 --busy-poll 1000 "
-            "--scheduler-slice 100 --id -7");
+            "--scheduler-slice 100 --local-socket --id -7");
     EXPECT_EQ(code, 0) << output;
     EXPECT_THAT(output, HasSubstr("kelo-server: listening on 127.0.0.1:"));
     EXPECT_THAT(output, HasSubstr("kelo-server: stopped after 0 events"));

@@ -5,6 +5,10 @@
 #include <thread>
 #include <tuple>
 
+#include <unistd.h>
+
+#include <boost/asio.hpp>
+
 #include <Kelo/Emitter.h>
 #include <Kelo/Source.h>
 
@@ -170,6 +174,51 @@ TEST(Remote, ServersMirrorTheWorldAndLateJoinersCatchUp) {
                       app.stepping(first, second, third, fourth)));
     expectMirrored(app.world, third);
     expectMirrored(app.world, fourth);
+}
+
+// A client asking for it reaches a server on this machine through the server's local socket
+// (its peer is then a local process, not an address) and gets the whole stream in order; without
+// the server's socket it comes over TCP all the same.
+TEST(Remote, AClientOnThisMachineTakesTheServersLocalSocket) {
+    SoundServer server, plain;
+    LogCapture log(osg::LOG_WARNING);
+    ASSERT_TRUE(server.setLocalSocket(true));
+    EXPECT_TRUE(server.localSocket());
+    EXPECT_FALSE(plain.localSocket());
+    server.setExclusive(true);  // its refusal names the client it keeps
+    App local(named({&server, &plain}) + " local=true");
+    Kelo::Emitter* a = local.world.createEmitter();
+    for (int i = 1; i <= 2000; ++i) {
+        const osg::Vec3f p(static_cast<float>(i), 0, 0);
+        a->setTransform(&p, nullptr);
+    }
+    a->setState(WorldPart::PLAY);
+    const auto arrived = [&](const Kelo::Server& s) {
+        return s.getEmitter(a->id()) && s.getEmitter(a->id())->state() == WorldPart::PLAY;
+    };
+    ASSERT_TRUE(
+        until([&] { return arrived(server) && arrived(plain); }, local.stepping(server, plain)));
+    expectMirrored(local.world, server);
+    expectMirrored(local.world, plain);
+
+    App other(named({&server}));
+    ASSERT_TRUE(
+        until([&] { return log.has("Kelo::Server is exclusive"); }, other.stepping(server)));
+    EXPECT_TRUE(
+        log.has("while client local process " + std::to_string(getpid()) + " is connected\n"))
+        << log.text();
+
+    // The name is the port's: a second socket cannot take it, and it is free again once closed.
+    EXPECT_TRUE(server.setLocalSocket(false));
+    boost::asio::io_context io;
+    boost::asio::local::stream_protocol::acceptor squatter(io);
+    squatter.open();
+    squatter.bind(std::string(1, '\0') + "kelo-" + std::to_string(server.port()));
+    EXPECT_FALSE(server.setLocalSocket(true));
+    EXPECT_FALSE(server.localSocket());
+    EXPECT_TRUE(log.has("Cannot listen on the local socket @kelo-" + std::to_string(server.port()) +
+                        ": Address already in use\n"))
+        << log.text();
 }
 
 TEST(Remote, PlayingTimesComeBackAlsoToClientsThatConnectLater) {

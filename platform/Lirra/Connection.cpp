@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 
+#include <netinet/in.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -63,11 +64,24 @@ std::string printable(const uint8_t* bytes, size_t count) {
     return out;
 }
 
-std::string describe(const asio::ip::tcp::socket& socket) {
+std::string describe(Connection::Socket& socket) {
     boost::system::error_code ec;
     const auto endpoint = socket.remote_endpoint(ec);
-    return ec ? std::string("an unknown peer")
-              : endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+    if (ec)
+        return "an unknown peer";
+    if (endpoint.protocol().family() == AF_UNIX) {
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        return getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0
+                   ? "local process " + std::to_string(peer.pid)
+                   : std::string("a local process");
+    }
+    asio::ip::tcp::endpoint address;
+    if (endpoint.size() > address.capacity())
+        return "an unknown peer";
+    std::memcpy(address.data(), endpoint.data(), endpoint.size());
+    address.resize(endpoint.size());
+    return address.address().to_string() + ":" + std::to_string(address.port());
 }
 
 }  // namespace
@@ -185,6 +199,11 @@ void Hub::clearWake() {
     [[maybe_unused]] const ssize_t n = ::read(wakeFd, &count, sizeof count);
 }
 
+asio::local::stream_protocol::endpoint localSocketName(unsigned short port) {
+    return asio::local::stream_protocol::endpoint(std::string(1, '\0') + "kelo-" +
+                                                  std::to_string(port));
+}
+
 std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
     const size_t count = std::min(reason.size(), kMaxGoodbyeReason);
     std::vector<uint8_t> frame;
@@ -198,27 +217,30 @@ std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
 
 namespace {
 
-asio::ip::tcp protocolOf(const asio::ip::tcp::socket& socket) {
+asio::generic::stream_protocol protocolOf(const Connection::Socket& socket) {
     boost::system::error_code ec;
     const auto local = socket.local_endpoint(ec);
-    return ec ? asio::ip::tcp::v4() : local.protocol();
+    const int family = ec ? AF_INET : local.protocol().family();
+    return {family, family == AF_UNIX ? 0 : IPPROTO_TCP};
 }
 
 }  // namespace
 
-Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, size_t sendLimit)
+Connection::Connection(Socket socket, std::shared_ptr<Hub> hub, size_t sendLimit,
+                       const std::string& peer)
     : _socket(std::move(socket)),
       _deadline(_socket.get_executor()),
       _watch(_socket.get_executor()),
       _gather(_socket.get_executor()),
       _hub(std::move(hub)),
-      _peer(describe(_socket)),
+      _peer(peer.empty() ? describe(_socket) : peer),
       _protocol(protocolOf(_socket)),
       _own(_hub->chunks),
       _sendLimit(sendLimit),
       _fd(_socket.native_handle()) {
     boost::system::error_code ignored;
-    _socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+    if (_protocol.family() != AF_UNIX)
+        _socket.set_option(asio::ip::tcp::no_delay(true), ignored);
 }
 
 Connection::~Connection() {
@@ -782,7 +804,7 @@ void Connection::flush(bool afterWrite) {
         if (finished) {
             // The goodbye is out: the peer sees the end of the stream after it.
             boost::system::error_code ignored;
-            _socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+            _socket.shutdown(Socket::shutdown_send, ignored);
         }
         return;
     }
@@ -893,7 +915,7 @@ void Connection::shutdown() {
     _watch.cancel();
     _gather.cancel();
     attach();  // closed below with the socket (or already, when it cannot be)
-    _socket.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    _socket.shutdown(Socket::shutdown_both, ignored);
     _socket.close(ignored);
     if (_ended) {
         auto ended = std::move(_ended);

@@ -1,7 +1,7 @@
 #pragma once
 
-// Internal to the networking library: one TCP connection driven by an Asio io_context. Not
-// installed; the public classes hold it behind pointers.
+// Internal to the networking library: one connection, over TCP or a local stream socket,
+// driven by an Asio io_context. Not installed; the public classes hold it behind pointers.
 
 #include <array>
 #include <atomic>
@@ -172,6 +172,10 @@ constexpr uint16_t kKeepAliveType = 0;
 constexpr uint16_t kGoodbyeType = 1;
 constexpr size_t kMaxGoodbyeReason = 1024;
 
+// The local stream socket of the server on this TCP port: a name in the abstract namespace,
+// "\0kelo-PORT", which needs no file and is gone with the last socket bound to it.
+boost::asio::local::stream_protocol::endpoint localSocketName(unsigned short port);
+
 // A goodbye frame: the reason as a string field, cut to kMaxGoodbyeReason bytes.
 std::vector<uint8_t> goodbyeFrame(const std::string& reason);
 
@@ -179,7 +183,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
 public:
     using Handshaken = std::function<void(const std::shared_ptr<Connection>&)>;
 
-    Connection(boost::asio::ip::tcp::socket socket, std::shared_ptr<Hub> hub, size_t sendLimit);
+    using Socket = boost::asio::generic::stream_protocol::socket;
+
+    // peer names the other end in log lines; empty: its address, or for a local socket the
+    // process it belongs to.
+    Connection(Socket socket, std::shared_ptr<Hub> hub, size_t sendLimit,
+               const std::string& peer = {});
     ~Connection();
 
     // Sends the preamble and waits for the peer's; then calls handshaken (on the network
@@ -266,7 +275,7 @@ private:
     void detach();
     bool attach();
 
-    boost::asio::ip::tcp::socket _socket;
+    Socket _socket;
     boost::asio::steady_timer _deadline;  // the handshake, then the goodbye's linger
     boost::asio::steady_timer _watch;     // idle, frame deadline, keep-alive
     boost::asio::steady_timer _gather;    // a small backlog's wait for more
@@ -308,7 +317,7 @@ private:
     bool _readOutstanding = false;
     bool _detached = false;  // the event loop does not hold the socket: see lend()
     uint64_t _readSeq = 0;   // the read started last; a read that detach() ended is older
-    boost::asio::ip::tcp _protocol;
+    boost::asio::generic::stream_protocol _protocol;
     uint8_t _peeked = 0;
     uint64_t _writesSeen = 0;
     std::chrono::steady_clock::time_point _lastSent{};

@@ -1,6 +1,7 @@
 #include "Lirra/MultiClient.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 
 #include "Lirra/Log.h"
@@ -38,14 +39,30 @@ struct MultiClient::Impl {
         if (closed || server.connecting || up(server))
             return;
         server.connecting = true;
-        auto socket = std::make_shared<tcp::socket>(io);
-        socket->async_connect(endpoint, [this, socket, endpoint](boost::system::error_code ec) {
-            Server& s = servers[endpoint];
+        if (!owner._local || !endpoint.address().is_loopback())
+            return connectOver<tcp>(endpoint, endpoint);
+        // A server on this machine may take us on its local socket; over TCP if it does not.
+        connectOver<asio::local::stream_protocol>(
+            endpoint, detail::localSocketName(endpoint.port()),
+            [this, endpoint] { connectOver<tcp>(endpoint, endpoint); });
+    }
+
+    // Connects to server at to; on failure tries otherwise, if given.
+    template <typename Protocol>
+    void connectOver(const tcp::endpoint& server, const typename Protocol::endpoint& to,
+                     std::function<void()> otherwise = nullptr) {
+        auto socket = std::make_shared<typename Protocol::socket>(io);
+        socket->async_connect(to, [this, socket, server, otherwise](boost::system::error_code ec) {
+            Server& s = servers[server];
+            if (ec && otherwise && !closed)
+                return otherwise();
             s.connecting = false;
             if (ec || closed)
                 return;
-            auto connection = std::make_shared<detail::Connection>(std::move(*socket), owner.hub(),
-                                                                   owner.sendLimit());
+            // Named after the server's address either way, so that the log reads the same.
+            auto connection = std::make_shared<detail::Connection>(
+                detail::Connection::Socket(std::move(*socket)), owner.hub(), owner.sendLimit(),
+                server.address().to_string() + ":" + std::to_string(server.port()));
             s.connection = connection;
             connection->start([this](const std::shared_ptr<detail::Connection>& c) {
                 if (!closed)

@@ -40,6 +40,12 @@ public:
     // with a log line and the interval unchanged, for any other value.
     double retryInterval() const { return _retry; }
     bool setRetryInterval(double seconds);
+    // Connects to a server on a loopback address through its local socket, when it has one
+    // (MultiServer::setLocalSocket), and over TCP otherwise. Off by default; takes effect
+    // from the next connection.
+    bool local() const { return _local; }
+    void setLocal(bool local) { _local = local; }
+
     static constexpr double kMinRetry = 0.05;
     static constexpr double kMaxRetry = 3600;
 
@@ -49,6 +55,7 @@ private:
     std::unique_ptr<Impl> _impl;
     bool _discover = true;
     std::atomic<double> _retry{3.0};
+    std::atomic<bool> _local{false};
 };
 
 }  // namespace Lirra

@@ -30,26 +30,58 @@ constexpr auto kLastBackoff = std::chrono::seconds(1);
 // The parts that live on the network thread.
 struct MultiServer::Impl {
     Impl(MultiServer& owner, asio::io_context& io)
-        : owner(owner), acceptor(io), announcer(io), timer(io), acceptTimer(io) {}
+        : owner(owner),
+          acceptor(io),
+          localAcceptor(io),
+          announcer(io),
+          timer(io),
+          acceptTimer(io),
+          localAcceptTimer(io) {}
 
-    void accept() {
-        acceptor.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
-            if (ec == asio::error::operation_aborted || !acceptor.is_open())
-                return;
-            if (ec && outOfResources(ec))
-                return backOff(ec);
-            if (starved) {
-                starved = false;
-                LIRRA_LOG(osg::LOG_WARNING, "Accepting clients on port %u again\n",
-                          owner._listeningPort);
-            }
-            if (!ec)
-                admit(std::move(socket));
-            accept();
-        });
+    // Accepts on the TCP port or on the local socket; both admit alike, under one cap.
+    template <typename Acceptor>
+    void accept(Acceptor& from, asio::steady_timer& backOffTimer) {
+        from.async_accept(
+            [this, &from, &backOffTimer](boost::system::error_code ec,
+                                         typename Acceptor::protocol_type::socket socket) {
+                if (ec == asio::error::operation_aborted || !from.is_open())
+                    return;
+                if (ec && outOfResources(ec))
+                    return backOff(ec, backOffTimer, [this, &from, &backOffTimer] {
+                        if (from.is_open())
+                            accept(from, backOffTimer);
+                    });
+                if (starved) {
+                    starved = false;
+                    LIRRA_LOG(osg::LOG_WARNING, "Accepting clients on port %u again\n",
+                              owner._listeningPort);
+                }
+                if (!ec)
+                    admit(detail::Connection::Socket(std::move(socket)));
+                accept(from, backOffTimer);
+            });
     }
 
-    void backOff(const boost::system::error_code& ec) {
+    bool listenLocally() {
+        boost::system::error_code ec;
+        localAcceptor.open(asio::local::stream_protocol(), ec);
+        if (!ec)
+            localAcceptor.bind(detail::localSocketName(owner._listeningPort), ec);
+        if (!ec)
+            localAcceptor.listen(asio::socket_base::max_listen_connections, ec);
+        if (ec) {
+            LIRRA_LOG(osg::LOG_WARNING, "Cannot listen on the local socket @kelo-%u: %s\n",
+                      owner._listeningPort, ec.message().c_str());
+            localAcceptor.close(ec);
+            return false;
+        }
+        accept(localAcceptor, localAcceptTimer);
+        return true;
+    }
+
+    template <typename Resume>
+    void backOff(const boost::system::error_code& ec, asio::steady_timer& backOffTimer,
+                 Resume resume) {
         if (!starved) {
             starved = true;
             backoff = kFirstBackoff;
@@ -59,14 +91,14 @@ struct MultiServer::Impl {
         } else {
             backoff = std::min<std::chrono::steady_clock::duration>(2 * backoff, kLastBackoff);
         }
-        acceptTimer.expires_after(backoff);
-        acceptTimer.async_wait([this](boost::system::error_code waited) {
-            if (!waited && acceptor.is_open())
-                accept();
+        backOffTimer.expires_after(backoff);
+        backOffTimer.async_wait([resume](boost::system::error_code waited) {
+            if (!waited)
+                resume();
         });
     }
 
-    void admit(tcp::socket socket) {
+    void admit(detail::Connection::Socket socket) {
         auto connection =
             std::make_shared<detail::Connection>(std::move(socket), owner.hub(), owner.sendLimit());
         const size_t cap = owner.maxConnections();
@@ -134,9 +166,11 @@ struct MultiServer::Impl {
 
     MultiServer& owner;
     tcp::acceptor acceptor;
+    asio::local::stream_protocol::acceptor localAcceptor;
     udp::socket announcer;
     asio::steady_timer timer;
     asio::steady_timer acceptTimer;
+    asio::steady_timer localAcceptTimer;
     std::chrono::steady_clock::duration backoff{kFirstBackoff};
     size_t connections = 0;  // open client sockets, handshaking ones included
     bool full = false;       // the cap was reached and logged
@@ -182,8 +216,31 @@ bool MultiServer::open(const std::string& host, unsigned short port, bool announ
     _listeningPort = acceptor.local_endpoint().port();
     _listeningHost = address.to_string();
     _announce = announce;
-    asio::post(_thread->io(), [this] { _impl->accept(); });
+    asio::post(_thread->io(), [this] { _impl->accept(_impl->acceptor, _impl->acceptTimer); });
     return true;
+}
+
+bool MultiServer::setLocalSocket(bool on) {
+    const bool done = _thread->call([this, on] {
+        Impl& impl = *_impl;
+        if (on == impl.localAcceptor.is_open())
+            return true;
+        if (on && (impl.closed || !impl.acceptor.is_open())) {
+            LIRRA_LOG(osg::LOG_WARNING,
+                      "Cannot listen on the local socket @kelo-%u: the server is closed\n",
+                      _listeningPort);
+            return false;
+        }
+        if (!on) {
+            boost::system::error_code ignored;
+            impl.localAcceptor.close(ignored);
+            impl.localAcceptTimer.cancel();
+            return true;
+        }
+        return impl.listenLocally();
+    });
+    _localSocket = on && done;
+    return done;
 }
 
 void MultiServer::startAnnouncing() {
@@ -215,7 +272,9 @@ void MultiServer::close() {
             boost::system::error_code ignored;
             _impl->closed = true;
             _impl->acceptor.close(ignored);
+            _impl->localAcceptor.close(ignored);
             _impl->acceptTimer.cancel();
+            _impl->localAcceptTimer.cancel();
             _impl->timer.cancel();
             _impl->announcer.close(ignored);
         });

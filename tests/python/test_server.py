@@ -54,6 +54,9 @@ def test_mirror(poll, busy_poll):
             server.scheduler_slice = 50
         server.scheduler_slice = 100
         assert server.scheduler_slice == 100
+        # The busy-polling run also takes its client through the local socket.
+        server.local_socket = busy_poll > 0
+        assert server.local_socket == (busy_poll > 0)
         first = server.get_source(1)
         s = client.create_source()
         s.set_param(loop=True, pitch=0.75)
@@ -65,7 +68,8 @@ def test_mirror(poll, busy_poll):
         a.state = State.PLAY
         b = client.create_emitter(id=40)
         b.state = State.PAUSE
-        client.add_backend("client", f"servers=127.0.0.1:{server.port}")
+        local = "true" if busy_poll else "false"
+        client.add_backend("client", f"servers=127.0.0.1:{server.port} local={local}")
         assert poll(lambda: scene(server) == scene(client), lambda: exchange(client, server))
         # The client's reset came first and took the first source; reset_world() made another.
         assert server.resets >= 1 and first.deleted
