@@ -219,6 +219,15 @@ TEST(Remote, AClientOnThisMachineTakesTheServersLocalSocket) {
     EXPECT_TRUE(log.has("Cannot listen on the local socket @kelo-" + std::to_string(server.port()) +
                         ": Address already in use\n"))
         << log.text();
+
+    // Clients take the socket for 127.0.0.1: a server elsewhere must not answer for it.
+    Kelo::Server elsewhere(0, "127.0.0.2");
+    elsewhere.setMulticastEnabled(false);
+    EXPECT_FALSE(elsewhere.setLocalSocket(true));
+    EXPECT_TRUE(log.has("Cannot listen on the local socket @kelo-" +
+                        std::to_string(elsewhere.port()) +
+                        ": the server is not on the loopback address but on 127.0.0.2\n"))
+        << log.text();
 }
 
 TEST(Remote, PlayingTimesComeBackAlsoToClientsThatConnectLater) {

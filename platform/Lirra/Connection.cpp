@@ -204,6 +204,11 @@ asio::local::stream_protocol::endpoint localSocketName(unsigned short port) {
                                                   std::to_string(port));
 }
 
+bool standsForLocalSocket(const asio::ip::address& address) {
+    return address == asio::ip::address_v4::loopback() ||
+           address == asio::ip::address_v6::loopback();
+}
+
 std::vector<uint8_t> goodbyeFrame(const std::string& reason) {
     const size_t count = std::min(reason.size(), kMaxGoodbyeReason);
     std::vector<uint8_t> frame;

@@ -175,6 +175,10 @@ constexpr size_t kMaxGoodbyeReason = 1024;
 // The local stream socket of the server on this TCP port: a name in the abstract namespace,
 // "\0kelo-PORT", which needs no file and is gone with the last socket bound to it.
 boost::asio::local::stream_protocol::endpoint localSocketName(unsigned short port);
+// Whether a client's server at this address may be reached through the local socket of its
+// port: only 127.0.0.1 and ::1, not the rest of 127.0.0.0/8, where other servers may hold the
+// same port.
+bool standsForLocalSocket(const boost::asio::ip::address& address);
 
 // A goodbye frame: the reason as a string field, cut to kMaxGoodbyeReason bytes.
 std::vector<uint8_t> goodbyeFrame(const std::string& reason);

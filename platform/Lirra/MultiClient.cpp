@@ -39,7 +39,7 @@ struct MultiClient::Impl {
         if (closed || server.connecting || up(server))
             return;
         server.connecting = true;
-        if (!owner._local || !endpoint.address().is_loopback())
+        if (!owner._local || !detail::standsForLocalSocket(endpoint.address()))
             return connectOver<tcp>(endpoint, endpoint);
         // A server on this machine may take us on its local socket; over TCP if it does not.
         connectOver<asio::local::stream_protocol>(

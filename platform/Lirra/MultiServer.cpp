@@ -231,6 +231,17 @@ bool MultiServer::setLocalSocket(bool on) {
                       _listeningPort);
             return false;
         }
+        // Clients take the socket for the server at the loopback address and this port: a
+        // server that cannot be reached there must not answer in its place.
+        boost::system::error_code ec;
+        const auto address = impl.acceptor.local_endpoint(ec).address();
+        if (on && !ec && !detail::standsForLocalSocket(address) && !address.is_unspecified()) {
+            LIRRA_LOG(osg::LOG_WARNING,
+                      "Cannot listen on the local socket @kelo-%u: the server is not on the "
+                      "loopback address but on %s\n",
+                      _listeningPort, address.to_string().c_str());
+            return false;
+        }
         if (!on) {
             boost::system::error_code ignored;
             impl.localAcceptor.close(ignored);
