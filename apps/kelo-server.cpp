@@ -406,8 +406,8 @@ int main(int argc, char** argv) {
         ->type_name("MICROSECONDS");
     app.add_flag("--local-socket", in.localSocket,
                  "Also take clients on this machine through the local socket @kelo-PORT "
-                 "(client backend parameter local=true): play commands arrive in about half "
-                 "the time");
+                 "(client backend parameter local=true): play commands arrive in about 60% "
+                 "of the time");
     CLI::Option* web =
         app.add_option("--web", in.web,
                        "Serve status pages, the live scene and Prometheus /metrics over HTTP on "

@@ -40,7 +40,7 @@ public:
     // with a log line and the interval unchanged, for any other value.
     double retryInterval() const { return _retry; }
     bool setRetryInterval(double seconds);
-    // Connects to a server on a loopback address through its local socket, when it has one
+    // Connects to a server at 127.0.0.1 or ::1 through its local socket, when it has one
     // (MultiServer::setLocalSocket), and over TCP otherwise. Off by default; takes effect
     // from the next connection.
     bool local() const { return _local; }
