@@ -3,9 +3,8 @@
 //     checked for order on arrival; to one emitter, or going round many (--moving);
 //   - latency: a play command from Emitter::setState to the server's Emitter::setState, then
 //     again over the server's local socket (--local), with the server busy-polling
-//     (--busy-poll), and twice with the client's thread
-//     busy after each command (--client-work): as the server is, then asking for a short
-//     scheduler slice (--slice);
+//     (--busy-poll), and twice with the client's thread busy after each command
+//     (--client-work): as the server is, then asking for a short scheduler slice (--slice);
 //   - catch-up: a world of 10,000 emitters and 1,000 sources brought to a new server.
 // Everything stays on 127.0.0.1; servers do not announce themselves. --help lists the options
 // that scale the runs down (or up, within bounds).

@@ -1,6 +1,6 @@
 // Client backends and servers over real loopback sockets: catch-up order, mirrored worlds,
-// several servers, late joiners, a server that dies and returns, playing times coming back,
-// and hostile peers. Servers are named by address; discovery has its own test.
+// several servers, late joiners, the local socket, a server that dies and returns, playing
+// times coming back, and hostile peers. Servers are named by address; discovery has its own test.
 #include <memory>
 #include <thread>
 #include <tuple>
