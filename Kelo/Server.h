@@ -136,10 +136,10 @@ public:
     void setSchedulerSlice(unsigned microseconds);
     unsigned schedulerSlice() const;
     // Also takes clients on this machine through a local stream socket named after the port
-    // (@kelo-PORT in the abstract namespace), for clients with the client backend's local=true.
-    // They skip the TCP/IP stack: a play command arrives in about 60% of the time. Off by
-    // default; false, with a log line, when another server holds the name or this one is not
-    // on 127.0.0.1, ::1 or every address.
+    // (@kelo-PORT in the abstract namespace, @kelo6-PORT for ::1), for clients with the client
+    // backend's local=true. They skip the TCP/IP stack: a play command arrives in about 60% of
+    // the time. Off by default; false, with a log line, when another server holds the name or
+    // this one is not on 127.0.0.1, ::1 or every address.
     bool setLocalSocket(bool on);
     bool localSocket() const;
 

@@ -406,8 +406,8 @@ int main(int argc, char** argv) {
         ->type_name("MICROSECONDS");
     app.add_flag("--local-socket", in.localSocket,
                  "Also take clients on this machine through the local socket @kelo-PORT "
-                 "(client backend parameter local=true): play commands arrive in about 60% "
-                 "of the time");
+                 "(@kelo6-PORT for ::1; client backend parameter local=true): play commands "
+                 "arrive in about 60% of the time");
     CLI::Option* web =
         app.add_option("--web", in.web,
                        "Serve status pages, the live scene and Prometheus /metrics over HTTP on "
@@ -471,7 +471,7 @@ int main(int argc, char** argv) {
     server.setBusyPoll(settings.busyPoll);
     server.setSchedulerSlice(settings.slice);
     if (settings.localSocket && !server.setLocalSocket(true)) {
-        std::fprintf(stderr, "kelo-server: cannot listen on the local socket @kelo-%u\n",
+        std::fprintf(stderr, "kelo-server: cannot listen on a local socket for port %u\n",
                      static_cast<unsigned>(server.port()));
         return 1;
     }

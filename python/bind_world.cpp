@@ -239,7 +239,7 @@ reset_world() to re-create the server's own sources after every reset.)")
             "local_socket", [](ServerBox& self) { return self.server().localSocket(); },
             [](ServerBox& self, bool on) {
                 if (!self.server().setLocalSocket(on))
-                    throw std::runtime_error("cannot listen on the local socket @kelo-" +
+                    throw std::runtime_error("cannot listen on a local socket for port " +
                                              std::to_string(self.server().port()));
             })
         .def_property(

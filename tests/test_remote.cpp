@@ -230,6 +230,35 @@ TEST(Remote, AClientOnThisMachineTakesTheServersLocalSocket) {
         << log.text();
 }
 
+// 127.0.0.1 and ::1 may be two servers on one port: each has a local socket of its own, and a
+// client reaches the one at the address it names.
+TEST(Remote, EachLoopbackAddressHasALocalSocketOfItsOwn) {
+    SoundServer v4;
+    Kelo::Server v6(v4.port(), "::1");
+    if (!v6.listening())
+        GTEST_SKIP() << "cannot listen on [::1]:" << v4.port() << " here";
+    v6.setMulticastEnabled(false);
+    v6.setExclusive(true);
+    LogCapture log(osg::LOG_WARNING);
+    ASSERT_TRUE(v4.setLocalSocket(true));
+    ASSERT_TRUE(v6.setLocalSocket(true)) << log.text();
+    const std::string at6 = "servers=[::1]:" + std::to_string(v4.port());
+    App local(at6 + " local=true");
+    Kelo::Emitter* a = local.world.createEmitter();
+    a->setState(WorldPart::PLAY);
+    ASSERT_TRUE(until([&] { return v6.getEmitter(a->id()) != nullptr; }, local.stepping(v4, v6)));
+    EXPECT_EQ(v4.getEmitter(a->id()), nullptr);
+    EXPECT_EQ(v4.clients(), 0u);
+
+    App other(at6);
+    ASSERT_TRUE(until([&] { return log.has("Kelo::Server is exclusive"); }, other.stepping(v6)));
+    EXPECT_TRUE(
+        log.has("while client local process " + std::to_string(getpid()) + " is connected\n"))
+        << log.text();
+    EXPECT_EQ(v4.clients(), 0u);
+    v6.clearWorld();
+}
+
 TEST(Remote, PlayingTimesComeBackAlsoToClientsThatConnectLater) {
     SoundServer server;
     auto* reporter = new RecordingBackend(server);

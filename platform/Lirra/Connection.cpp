@@ -199,9 +199,12 @@ void Hub::clearWake() {
     [[maybe_unused]] const ssize_t n = ::read(wakeFd, &count, sizeof count);
 }
 
-asio::local::stream_protocol::endpoint localSocketName(unsigned short port) {
-    return asio::local::stream_protocol::endpoint(std::string(1, '\0') + "kelo-" +
-                                                  std::to_string(port));
+std::string localSocketName(bool v6, unsigned short port) {
+    return (v6 ? "@kelo6-" : "@kelo-") + std::to_string(port);
+}
+
+asio::local::stream_protocol::endpoint localSocketEndpoint(const std::string& name) {
+    return asio::local::stream_protocol::endpoint(std::string(1, '\0') + name.substr(1));
 }
 
 bool standsForLocalSocket(const asio::ip::address& address) {

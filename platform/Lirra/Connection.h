@@ -172,12 +172,15 @@ constexpr uint16_t kKeepAliveType = 0;
 constexpr uint16_t kGoodbyeType = 1;
 constexpr size_t kMaxGoodbyeReason = 1024;
 
-// The local stream socket of the server on this TCP port: a name in the abstract namespace,
-// "\0kelo-PORT", which needs no file and is gone with the last socket bound to it.
-boost::asio::local::stream_protocol::endpoint localSocketName(unsigned short port);
-// Whether a client's server at this address may be reached through the local socket of its
-// port: only 127.0.0.1 and ::1, not the rest of 127.0.0.0/8, where other servers may hold the
-// same port.
+// The local stream socket of the server at 127.0.0.1 (v6: ::1) and this TCP port, as logs
+// show it: "@kelo-PORT" ("@kelo6-PORT"). One name per address, as the two may be different
+// servers on the same port.
+std::string localSocketName(bool v6, unsigned short port);
+// Where that name is bound: in the abstract namespace ("\0kelo-PORT"), which needs no file
+// and is gone with the last socket bound to it.
+boost::asio::local::stream_protocol::endpoint localSocketEndpoint(const std::string& name);
+// Whether a client's server at this address may be reached through a local socket: only
+// 127.0.0.1 and ::1, not the rest of 127.0.0.0/8, where other servers may hold the same port.
 bool standsForLocalSocket(const boost::asio::ip::address& address);
 
 // A goodbye frame: the reason as a string field, cut to kMaxGoodbyeReason bytes.

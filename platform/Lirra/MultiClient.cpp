@@ -43,7 +43,9 @@ struct MultiClient::Impl {
             return connectOver<tcp>(endpoint, endpoint);
         // A server on this machine may take us on its local socket; over TCP if it does not.
         connectOver<asio::local::stream_protocol>(
-            endpoint, detail::localSocketName(endpoint.port()),
+            endpoint,
+            detail::localSocketEndpoint(
+                detail::localSocketName(endpoint.address().is_v6(), endpoint.port())),
             [this, endpoint] { connectOver<tcp>(endpoint, endpoint); });
     }
 

@@ -40,9 +40,9 @@ public:
     // with a log line and the interval unchanged, for any other value.
     double retryInterval() const { return _retry; }
     bool setRetryInterval(double seconds);
-    // Connects to a server at 127.0.0.1 or ::1 through its local socket, when it has one
-    // (MultiServer::setLocalSocket), and over TCP otherwise. Off by default; takes effect
-    // from the next connection.
+    // Connects to a server at 127.0.0.1 or ::1 through the local socket named for that address
+    // and port, when it has one (MultiServer::setLocalSocket), and over TCP otherwise. Off by
+    // default; takes effect from the next connection.
     bool local() const { return _local; }
     void setLocal(bool local) { _local = local; }
 

@@ -1,6 +1,7 @@
 #include "Lirra/MultiServer.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include "Lirra/Log.h"
@@ -32,11 +33,10 @@ struct MultiServer::Impl {
     Impl(MultiServer& owner, asio::io_context& io)
         : owner(owner),
           acceptor(io),
-          localAcceptor(io),
+          locals{LocalListener(io), LocalListener(io)},
           announcer(io),
           timer(io),
-          acceptTimer(io),
-          localAcceptTimer(io) {}
+          acceptTimer(io) {}
 
     // Accepts on the TCP port or on the local socket; both admit alike, under one cap.
     template <typename Acceptor>
@@ -62,21 +62,44 @@ struct MultiServer::Impl {
             });
     }
 
-    bool listenLocally() {
-        boost::system::error_code ec;
-        localAcceptor.open(asio::local::stream_protocol(), ec);
-        if (!ec)
-            localAcceptor.bind(detail::localSocketName(owner._listeningPort), ec);
-        if (!ec)
-            localAcceptor.listen(asio::socket_base::max_listen_connections, ec);
-        if (ec) {
-            LIRRA_LOG(osg::LOG_WARNING, "Cannot listen on the local socket @kelo-%u: %s\n",
-                      owner._listeningPort, ec.message().c_str());
-            localAcceptor.close(ec);
-            return false;
+    // Listens on the local sockets named for 127.0.0.1 ([0]) and ::1 ([1]), as asked: on all
+    // of them, or on none.
+    bool listenLocally(const std::array<bool, 2>& asked) {
+        for (size_t i = 0; i < locals.size(); ++i) {
+            if (!asked[i])
+                continue;
+            auto& local = locals[i].acceptor;
+            const std::string name = detail::localSocketName(i == 1, owner._listeningPort);
+            boost::system::error_code ec;
+            local.open(asio::local::stream_protocol(), ec);
+            if (!ec)
+                local.bind(detail::localSocketEndpoint(name), ec);
+            if (!ec)
+                local.listen(asio::socket_base::max_listen_connections, ec);
+            if (ec) {
+                LIRRA_LOG(osg::LOG_WARNING, "Cannot listen on the local socket %s: %s\n",
+                          name.c_str(), ec.message().c_str());
+                closeLocally();
+                return false;
+            }
         }
-        accept(localAcceptor, localAcceptTimer);
+        for (LocalListener& local : locals)
+            if (local.acceptor.is_open())
+                accept(local.acceptor, local.backOffTimer);
         return true;
+    }
+
+    void closeLocally() {
+        boost::system::error_code ignored;
+        for (LocalListener& local : locals) {
+            local.acceptor.close(ignored);
+            local.backOffTimer.cancel();
+        }
+    }
+
+    bool listensLocally() const {
+        return std::any_of(locals.begin(), locals.end(),
+                           [](const LocalListener& local) { return local.acceptor.is_open(); });
     }
 
     template <typename Resume>
@@ -166,11 +189,15 @@ struct MultiServer::Impl {
 
     MultiServer& owner;
     tcp::acceptor acceptor;
-    asio::local::stream_protocol::acceptor localAcceptor;
+    struct LocalListener {
+        explicit LocalListener(asio::io_context& io) : acceptor(io), backOffTimer(io) {}
+        asio::local::stream_protocol::acceptor acceptor;
+        asio::steady_timer backOffTimer;
+    };
+    std::array<LocalListener, 2> locals;  // 127.0.0.1's local socket, then ::1's
     udp::socket announcer;
     asio::steady_timer timer;
     asio::steady_timer acceptTimer;
-    asio::steady_timer localAcceptTimer;
     std::chrono::steady_clock::duration backoff{kFirstBackoff};
     size_t connections = 0;  // open client sockets, handshaking ones included
     bool full = false;       // the cap was reached and logged
@@ -223,32 +250,43 @@ bool MultiServer::open(const std::string& host, unsigned short port, bool announ
 bool MultiServer::setLocalSocket(bool on) {
     const bool done = _thread->call([this, on] {
         Impl& impl = *_impl;
-        if (on == impl.localAcceptor.is_open())
+        if (on == impl.listensLocally())
             return true;
-        if (on && (impl.closed || !impl.acceptor.is_open())) {
+        if (!on) {
+            impl.closeLocally();
+            return true;
+        }
+        boost::system::error_code ec;
+        const auto address = impl.acceptor.local_endpoint(ec).address();
+        if (impl.closed || ec) {
             LIRRA_LOG(osg::LOG_WARNING,
-                      "Cannot listen on the local socket @kelo-%u: the server is closed\n",
+                      "Cannot listen on a local socket for port %u: the server is closed\n",
                       _listeningPort);
             return false;
         }
-        // Clients take the socket for the server at the loopback address and this port: a
-        // server that cannot be reached there must not answer in its place.
-        boost::system::error_code ec;
-        const auto address = impl.acceptor.local_endpoint(ec).address();
-        if (on && !ec && !detail::standsForLocalSocket(address) && !address.is_unspecified()) {
+        // A client takes the socket named for the loopback address it was given: only the
+        // server that can be reached there may answer on it.
+        std::array<bool, 2> names{};  // 127.0.0.1's, ::1's
+        const bool any = address.is_unspecified();
+        if (address.is_v4()) {
+            names[0] = any || address == asio::ip::address_v4::loopback();
+        } else if (any) {
+            // Every IPv6 address, and IPv4's too unless the socket is for IPv6 only.
+            asio::ip::v6_only v6Only(true);
+            impl.acceptor.get_option(v6Only, ec);
+            names = {!ec && !v6Only.value(), true};
+        } else {
+            names[1] = address == asio::ip::address_v6::loopback();
+        }
+        if (!names[0] && !names[1]) {
             LIRRA_LOG(osg::LOG_WARNING,
-                      "Cannot listen on the local socket @kelo-%u: the server is not on the "
-                      "loopback address but on %s\n",
-                      _listeningPort, address.to_string().c_str());
+                      "Cannot listen on the local socket %s: the server is not on the loopback "
+                      "address but on %s\n",
+                      detail::localSocketName(address.is_v6(), _listeningPort).c_str(),
+                      address.to_string().c_str());
             return false;
         }
-        if (!on) {
-            boost::system::error_code ignored;
-            impl.localAcceptor.close(ignored);
-            impl.localAcceptTimer.cancel();
-            return true;
-        }
-        return impl.listenLocally();
+        return impl.listenLocally(names);
     });
     _localSocket = on && done;
     return done;
@@ -283,9 +321,8 @@ void MultiServer::close() {
             boost::system::error_code ignored;
             _impl->closed = true;
             _impl->acceptor.close(ignored);
-            _impl->localAcceptor.close(ignored);
+            _impl->closeLocally();
             _impl->acceptTimer.cancel();
-            _impl->localAcceptTimer.cancel();
             _impl->timer.cancel();
             _impl->announcer.close(ignored);
         });

@@ -35,11 +35,12 @@ public:
     unsigned short listeningPort() const { return _listeningPort; }
     const std::string& listeningHost() const { return _listeningHost; }
 
-    // Also accepts clients on this machine through a local stream socket, named after the
-    // port in the abstract namespace (@kelo-PORT): they skip the TCP/IP stack, which halves
-    // the time a small frame takes to arrive. A client finds it with MultiClient::setLocal.
-    // Off by default; false, with a log line, when the name is taken, the server is closed, or
-    // it listens elsewhere than on 127.0.0.1, ::1 or every address.
+    // Also accepts clients on this machine through a local stream socket for each loopback
+    // address it can be reached at, named after the port in the abstract namespace
+    // (@kelo-PORT for 127.0.0.1, @kelo6-PORT for ::1): they skip the TCP/IP stack. A client
+    // finds it with MultiClient::setLocal. Off by default; false, with a log line, when a name
+    // is taken, the server is closed, or it listens elsewhere than on 127.0.0.1, ::1 or every
+    // address.
     bool setLocalSocket(bool on);
     bool localSocket() const { return _localSocket; }
 
